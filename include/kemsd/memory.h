@@ -1,0 +1,338 @@
+/* Memory: the server-wide allocation calls and their accounting, the records they keep, aligned, mapped and locked
+ * pages, the public context-reporting calls, and the per-thread free lists.
+ *
+ * Every block comes from one of two worlds. While the thread heaps are off, from the system allocator, with an 8-byte
+ * header in front when the memory manager is on. Once ovMemThreadHeapInit has built the thread heaps, requests of up
+ * to MaxAllocBlock bytes come from binned heaps, larger ones from the system allocator under the memory limit.
+ *
+ *     void* block;
+ *     if (ovMalloc(threadContext, 100, &block, __FILE__, __LINE__) != 0) return SDSTS_NO_MEMORY;
+ *     ovFree(block, __FILE__, __LINE__);
+ *
+ * fname and line are the caller's source position: accepted for diagnostics, not used on these paths. */
+#ifndef KEMSD_MEMORY_H
+#define KEMSD_MEMORY_H
+
+#include <kemsd/context.h>
+#include <kemsd/sync.h>
+
+KEM_EXTERN_C_BEGIN
+
+struct OV_SVCTX_T;
+
+/* ---- Block headers ---------------------------------------------------------------------------------------------- */
+
+/* The 8 bytes before the caller's pointer of every block that the system-allocator paths hand out while the memory
+ * manager is on:
+ *
+ *     policy 1    [ header 8 ][ data ...                      hlen  8, capacity = the request
+ *     policy 2    [ 56 bytes ][ header 8 ][ data ...          hlen 64, capacity = a power of two up to 2 MiB
+ */
+typedef struct OV_ALLOCMEMBLKHDR_T {
+    OV_ULONG_T poolIndex; /* size class: log2 of the capacity; 22 and more is a large block; 0 for policy 1 */
+    char padding[2];      /* never written or read */
+    char policy;          /* 1, 2, or 0 for a dead block */
+    char hlen;            /* bytes from the system block's start to the caller's pointer */
+} OV_ALLOCMEMBLKHDR_T;
+
+KEM_STATIC_ASSERT(sizeof(OV_ALLOCMEMBLKHDR_T) == 8, "the block header is 8 bytes");
+KEM_STATIC_ASSERT(offsetof(OV_ALLOCMEMBLKHDR_T, policy) == 6, "policy at byte 6, hlen at byte 7");
+
+KEM_API OV_PVOID_T mallocModified(size_t s, char policy);
+KEM_API OV_PVOID_T callocModified(size_t num, size_t sizeOne, char policy);
+KEM_API OV_PVOID_T reallocModified(OV_PVOID_T pvBuf, size_t s);
+KEM_API void freeModified(void* pvBuf);
+KEM_API void* ovMemExtMalloc(size_t size, char policy);
+KEM_API void* ovMemExtCalloc(OV_UINT_T blockCount, OV_ULONG_T blockSize, char policy);
+KEM_API void* ovMemExtRealloc(OV_PVOID_T pvBuf, size_t size);
+KEM_API void ovMemExtFree(OV_PVOID_T pvBuf);
+KEM_API OV_STS_T ovMemExtMallocAligned(void** memptr, size_t alignment, size_t size);
+KEM_API void ovMemExtFreeAligned(OV_PVOID_T pvBuf);
+KEM_API void ovMemExtThreadMalloc(void* thdctxp, size_t size, void** ppvfBuf, char policy);
+KEM_API void ovMemExtThreadFree(OV_PVOID_T pvBuf);
+
+/* ---- Binned heap ------------------------------------------------------------------------------------------------ */
+
+#define OV_MEM_FASTBINS 20
+#define OV_MEM_BINS 32
+
+struct OV_MemHeap_T;
+
+/* A block inside a heap's region. All sizes are multiples of 8 and include the header.
+ *
+ *     offset     0       4          8          16         24        32
+ *     free       size    prevsize   null       next       prev      index     (40 bytes at least)
+ *     in use     size    prevsize   MemHeap    marker     data ...
+ *
+ * A non-null MemHeap marks a block in use. A block on a fast bin keeps its MemHeap, its marker is the fast-bin link. */
+typedef struct OV_MemBin_T {
+    OV_ULONG_T size;
+    OV_ULONG_T prevsize; /* bytes of the block physically before; 0 for the region's first */
+    struct OV_MemHeap_T* MemHeap;
+    struct OV_MemBin_T* next; /* next block of the bin's circle */
+    struct OV_MemBin_T* prev;
+    OV_LONG_T index; /* the bin that holds it */
+} OV_MemBin_T;
+
+typedef struct OV_MemAllocBlock_T {
+    OV_ULONG_T size;
+    OV_ULONG_T prevsize;
+    struct OV_MemHeap_T* MemHeap;
+    void* marker; /* null when handed out */
+} OV_MemAllocBlock_T;
+
+KEM_STATIC_ASSERT(sizeof(OV_MemBin_T) == 40, "the smallest free block");
+KEM_STATIC_ASSERT(sizeof(OV_MemAllocBlock_T) == 24, "the caller's pointer is block + 24");
+KEM_STATIC_ASSERT(offsetof(OV_MemAllocBlock_T, marker) == 16, "the word before the caller's pointer");
+
+typedef struct OV_MemHeapHeader_T {
+    OV_SPINLOCK_T SpinLock;                       /* long-term heaps only */
+    OV_MemAllocBlock_T* FastBin[OV_MEM_FASTBINS]; /* singly linked lists of freed small blocks */
+    OV_MemBin_T* Bin[OV_MEM_BINS];                /* heads of circles of free blocks; valid where BinMap is 0 */
+    char* HeapEnd;                                /* one past the region's last byte */
+    OV_ULONG_T FastBinCount;                      /* blocks on all fast bins together */
+    OV_BYTE_T BinMap[OV_MEM_BINS];                /* 0: bin non-empty; else distance to the next non-empty bin above,
+                                                     or beyond 31 */
+} OV_MemHeapHeader_T;
+
+typedef struct OV_MemHeap_T {
+    OV_MemHeapHeader_T HeapHeader;
+    struct OV_MemHeap_T* next; /* the owner's list of heaps */
+    struct OV_MemHeap_T* prev;
+    volatile OV_LONG_T ThreadHeapId; /* slot number; 4095 none; 0x7FFFFFFF a short-term heap */
+    double HeapBuffer;               /* first byte of the block area, which runs to HeapEnd */
+} OV_MemHeap_T;
+
+KEM_STATIC_ASSERT(offsetof(OV_MemHeap_T, HeapBuffer) % 8 == 0, "blocks are 8-byte aligned");
+
+KEM_API void ovMemHeapInit(OV_MemHeap_T* MemHeap, OV_BOOL_T LongTermHeap);
+KEM_API void* ovMemHeapMalloc(OV_MemHeap_T* MemHeap, OV_ULONG_T bytes);
+KEM_API void ovMemHeapFree(OV_MemHeap_T* MemHeap, void* block);
+KEM_API void* ovMemHeapRealloc(OV_MemHeap_T* MemHeap, void* block, OV_ULONG_T bytes);
+
+/* ---- The memory manager's record -------------------------------------------------------------------------------- */
+
+/* A block that did not come from a heap: the 32 bytes before the caller's pointer. */
+typedef struct OV_MemAllocExtBlock_T {
+    OV_ULONGLONG_T size;                /* bytes requested */
+    struct OV_MemAllocExtBlock_T* prev; /* list link of a short-term external block, else null */
+    struct OV_MemAllocExtBlock_T* next;
+    void* marker; /* -9, or the address of the list head in the owning thread context; never null */
+} OV_MemAllocExtBlock_T;
+
+KEM_STATIC_ASSERT(sizeof(OV_MemAllocExtBlock_T) == 32, "the external header is 32 bytes");
+
+/* The server's thread context, passed as the owning address of allocations. */
+typedef struct OV_THDCTX_T {
+    void* NetCtx;                             /* handed to the message call-back */
+    OV_MemHeap_T* MemShortHeap;               /* current short-term heap, null when none */
+    OV_MemAllocExtBlock_T* MemShortExtBlocks; /* head of the circle of short-term external blocks */
+    struct OV_SVCTX_T* svctxp;
+    struct KEM_SYNCCTX_T* pSyncCtx;
+    KEM_PSDCTX_T pSdCtx;
+    OV_BOOL_T MemShortDisableFree;
+    OV_BOOL_T bBusyWriteIO;
+} OV_THDCTX_T;
+
+/* Called with the thread context's NetCtx, a message number, a level (3 warning, 4 error) and two unsigned 32-bit
+ * arguments, each by address with its type code 6. */
+typedef int (*OV_NETMESSAGE_T)(void* netCtx, int number, int level, void* first, int firstType, void* second,
+                               int secondType);
+
+typedef enum MemoryMessage { memmsg_noerror = 0, memmsg_warning = 1, memmsg_error = 2 } MemoryMessage;
+
+/* One tracked aligned block. */
+typedef struct OV_MemAlignedItem_T {
+    OV_ULONGLONG_T size; /* bytes charged */
+    void* block;
+    struct OV_MemAlignedItem_T* next; /* next item of the same bucket */
+} OV_MemAlignedItem_T;
+
+KEM_STATIC_ASSERT(sizeof(OV_MemAlignedItem_T) == 24, "the tracking item is 24 bytes");
+
+typedef struct OV_MemHeapPool_T {
+    OV_MemHeap_T* MemHeap; /* first heap of a circle through next and prev */
+    OV_SPINLOCK_T SpinLock;
+    OV_LONG_T NumHeaps;
+} OV_MemHeapPool_T;
+
+#define OV_MEM_SLOTS 64
+#define OV_MEM_BUCKETS 16
+#define OV_MEM_ALIGNED_BUCKETS 131
+
+/* The memory manager's single record. */
+typedef struct OV_MemThreadHeap_T {
+    OV_ULONG_T HeapSize;                           /* bytes of a long-term heap's region, heap record included */
+    OV_ULONG_T ShortHeapSize;                      /* bytes of a short-term heap's region */
+    OV_ULONG_T MaxAllocBlock;                      /* larger requests bypass the heaps; 0: no heaps */
+    OV_MemHeap_T* volatile Heap[OV_MEM_SLOTS];     /* the heap of each slot */
+    OV_MemHeap_T* volatile HeapCopy[OV_MEM_SLOTS]; /* differs from Heap while a slot is being switched */
+    OV_MemHeapPool_T MemHeapPool;                  /* spare long-term heaps */
+    OV_MemHeapPool_T MemShortHeapPool;             /* spare short-term heaps */
+    OV_LONG_T NumThreadHeaps;                      /* slots in use; > 0: thread heaps on; -1: terminated */
+    OV_LONG_T NumHeaps; /* heaps configured; after start-up, heaps that may still be created */
+    OV_LONG_T MaxNumHeaps;
+    OV_ULONGLONG_T MemoryLimit;                /* bytes; 0: none */
+    volatile OV_ULONGLONG_T malloc_count;      /* heap allocations; unlocked, a lost count is accepted */
+    volatile OV_ULONGLONG_T UsedMemory;        /* bytes in heap regions and blocks outside heaps */
+    volatile OV_ULONGLONG_T UsedAlignedMemory; /* bytes of aligned and page memory */
+    volatile OV_ULONGLONG_T MaxUsedMemory;     /* high-water marks since start */
+    volatile OV_ULONGLONG_T MaxUsedAlignedMemory;
+    volatile OV_ULONGLONG_T MaxTotalUsedMemory;
+    volatile OV_ULONGLONG_T MaxUsedMarkMemory; /* high-water marks since the last reset */
+    volatile OV_ULONGLONG_T MaxUsedAlignedMarkMemory;
+    volatile OV_ULONGLONG_T MaxTotalUsedMarkMemory;
+    volatile OV_ULONG_T AllocBlocks[OV_MEM_BUCKETS]; /* allocations and releases by size bucket, since start */
+    volatile OV_ULONG_T DeAllocBlocks[OV_MEM_BUCKETS];
+    volatile OV_ULONG_T AllocBlocksMark[OV_MEM_BUCKETS]; /* the same, since the last reset */
+    volatile OV_ULONG_T DeAllocBlocksMark[OV_MEM_BUCKETS];
+    OV_THDCTX_T* volatile tctxp; /* thread context used for messages */
+    volatile OV_LONG_T MaxShortMemoryPoolSize;
+    volatile OV_LONG_T LimitShortHeapsForRemove;
+    volatile OV_LONG_T NumShortNumHeapsInUsage;
+    OV_MemAlignedItem_T* MemoryControlAlignedArray[OV_MEM_ALIGNED_BUCKETS]; /* tracked aligned blocks */
+    OV_BOOL_T MemoryControl;       /* account used memory and enforce MemoryLimit */
+    OV_BOOL_T MemoryBlocksControl; /* count allocations by size bucket */
+    OV_BOOL_T ShortMemoryOn;       /* short-term heaps enabled */
+    KEM_PSDCTX_T pSdCtx;           /* the memory manager's own context */
+    OV_SPINLOCK_T SpinLock;        /* 6001: counters and limit */
+    OV_SPINLOCK_T SpinLockBlocks;  /* 6004: bucket counters */
+    OV_NETMESSAGE_T fNetLocalMessage;
+    volatile OV_ULONG_T next_message_malloc_count;
+    volatile OV_ULONG_T MemMessageUsedMemory; /* used bytes at the last limit event, low 32 bits */
+    volatile MemoryMessage LastMemMessage;
+    volatile MemoryMessage MemMessage;
+    OV_BYTE_T MallocInitValue; /* fill byte for new blocks */
+    OV_BYTE_T FreeInitValue;   /* fill byte for released blocks */
+    OV_BYTE_T ErrorExit;       /* 1: the configured limit was rejected */
+} OV_MemThreadHeap_T;
+
+/* ---- Start-up --------------------------------------------------------------------------------------------------- */
+
+KEM_API int ovMemThreadHeapInit(int UseThreadHeap, void* fNetLocalMessage, char* appname, int assumeConfigFileExists);
+KEM_API void ovMemGetMemorySettings(OV_ULONGLONG_T* arg);
+KEM_API void ovMemThreadHeapTerm(void);
+KEM_API void ovMemSetThreadContext(void* tctxp);
+KEM_API void ovMemResetThreadContext(void);
+
+/* ---- Allocation ------------------------------------------------------------------------------------------------- */
+
+KEM_API int ovMallocBase(void* UniqueAddress, size_t alignment, size_t size, void** ppvfBuf, char policy,
+                         const char* fname, long line);
+KEM_API int ovMalloc(void* UniqueAddress, size_t size, void** ppvfBuf, const char* fname, long line);
+KEM_API int ovMallocPolicy(void* UniqueAddress, size_t size, void** ppvfBuf, char policy, const char* fname, long line);
+KEM_API int ovMallocAligned(void* UniqueAddress, size_t alignment, size_t size, void** ppvfBuf, const char* fname,
+                            long line);
+KEM_API int ovCalloc(void* UniqueAddress, long num, size_t size, void** ppvfBuf, char policy, const char* fname,
+                     long line);
+KEM_API int ovRealloc(void* UniqueAddress, size_t size, void* pvfOldBuf, void** ppvfNewBuf, const char* fname,
+                      long line);
+KEM_API int ovFreeBase(void* ptr, size_t alignment, const char* fname, long line);
+KEM_API int ovFree(void* ptr, const char* fname, long line);
+KEM_API int ovFreeAligned(void* ptr, size_t alignment, const char* fname, long line);
+KEM_API char* ovStrDup(const char* pStr, const char* fname, long line);
+
+/* ---- Accounting ------------------------------------------------------------------------------------------------- */
+
+/* The debug record the accessors below name. No function of this library creates one. */
+typedef struct OV_MEMINFO_T {
+    void* payload;
+    const char* fname;
+    long line;
+    long sz;
+    struct OV_MEMINFO_T* pPrev;
+    struct OV_MEMINFO_T* pNext;
+} OV_MEMINFO_T;
+
+KEM_API void ovMemSendMessage(int type, int size);
+KEM_API void ovMemSendErrorMessage(long size);
+KEM_API int ovMemCheckMemoryMinStatus(void* tctxp);
+KEM_API void ovMemAddBlockSizeToList(long size);
+KEM_API int ovMemResetUsedMarkMemoryBlocks(void);
+KEM_API int ovMemResetMaxUsedMarkMemory(void);
+KEM_API int ovMemGetMaxUsedMarkMemory(OV_ULONGLONG_T* bytesMaxMarkUsed, OV_ULONGLONG_T* bytesMaxMarkAligned,
+                                      OV_ULONGLONG_T* bytesMaxMarkTotal);
+KEM_API int ovMemGetUsedMemoryBlocks(int type, OV_ULONGLONG_T* AllocBlocks, OV_ULONGLONG_T* DeAllocBlocks);
+KEM_API int ovMemGetUsedMemory(OV_ULONGLONG_T* bytesOrdinary, OV_ULONGLONG_T* bytesHeaps, OV_ULONGLONG_T* bytesAligned,
+                               OV_ULONGLONG_T* bytesMaxUsed, OV_ULONGLONG_T* bytesMaxAligned,
+                               OV_ULONGLONG_T* bytesMaxTotal);
+KEM_API void ovMemInfo(int num, char* comment);
+KEM_API void* ovMemMgrGetAllocBlkHd(void);
+KEM_API void* ovMemMgrGetMemInfoHd(void);
+KEM_API void* ovMemMgrGetAllocBlkNxt(void* blk);
+KEM_API char* ovMemMgrGetAllocBlkFN(void* blk);
+KEM_API OV_ULONG_T ovMemMgrGetAllocBlkLn(void* blk);
+KEM_API OV_ULONG_T ovMemMgrGetAllocBlkSz(void* blk);
+KEM_API OV_MEMINFO_T* ovMemMgrGetAllocBlkMI(void* blk);
+KEM_API OV_BOOL_T ovCheckMemoryMarker(void* ptr, const char* fname, long line, long sz);
+KEM_API OV_ULONG_T ovGetMemTag(void* UniqueAddress, void* ptr, const char* fname, long line);
+KEM_API void ovSetMemTag(void* ptr, OV_ULONG_T tag, const char* fname, long line);
+KEM_API OV_BOOL_T ovCheckMemTag(void* ptr, OV_ULONG_T tag, long sz, const char* sourceFileName, long sourceLine,
+                                const char* fname, long line);
+
+/* ---- Public memory calls ---------------------------------------------------------------------------------------- */
+
+KEM_API KEM_FUNC_M KemSdMemInit(KEM_PSDCTX_T pSdCtx);
+KEM_API KEM_FUNC_M KemSdMemTerm(KEM_PSDCTX_T pSdCtx);
+KEM_API KEM_FUNC_M KemSdMemPoolInit(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pMemPool, KEM_ULONG_T ulPageSize);
+KEM_API KEM_FUNC_M KemSdMemPoolTerm(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pMemPool);
+KEM_API KEM_FUNC_M KemSdMemPoolFixedInit(KEM_PSDCTX_T pSdCtx, KEM_USHORT_T usBlockSize, KEM_ULONG_T ulBlockCount,
+                                         KEM_PVOID_T pMemPool);
+KEM_API KEM_FUNC_M KemSdMemPoolFixedTerm(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pMemPool);
+KEM_API KEM_FUNC_M KemSdMemFixedAlloc(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pMemPool, KEM_PPVOID_T ppvBuf);
+KEM_API KEM_FUNC_M KemSdMemFixedFree(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pvBuf);
+KEM_API KEM_FUNC_M KemSdIsMemPageLocking(KEM_PSDCTX_T pSdCtx, KEM_PPVOID_T ppOSVersion, KEM_PBOOL_T pbIsAvailable);
+KEM_API KEM_FUNC_M KemSdMemAlloc(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pMemPool, KEM_SIZE_T sizeRequest, KEM_PPVOID_T ppvBuf,
+                                 const char* fname, long line);
+KEM_API KEM_FUNC_M KemSdMemAllocUsingPolicy(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pMemPool, KEM_SIZE_T sizeRequest,
+                                            KEM_PPVOID_T ppvBuf, char policy, const char* fname, long line);
+KEM_API KEM_FUNC_M KemSdMemRealloc(KEM_PSDCTX_T pSdCtx, KEM_SIZE_T sizeNew, KEM_PVOID_T pvOldBuf,
+                                   KEM_PPVOID_T ppvNewBuf, const char* fname, long line);
+KEM_API KEM_FUNC_M KemSdMemFree(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pvBuf, const char* fname, long line);
+KEM_API KEM_FUNC_M KemSdMemClear(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pvBuf, KEM_SIZE_T sizeCount);
+KEM_API KEM_FUNC_M KemSdMemCopy(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pvDest, const void* pvSrc, KEM_SIZE_T sizeCopy);
+KEM_API KEM_FUNC_M KemSdAlignedMemAlloc(KEM_PSDCTX_T pSdCtx, KEM_SIZE_T sizeRequestBlocks, KEM_PPVOID_T ppvBuf);
+KEM_API KEM_FUNC_M KemSdAlignedMemRealloc(KEM_PSDCTX_T pSdCtx, KEM_SIZE_T oldBlocks, KEM_SIZE_T newBlocks,
+                                          KEM_PPVOID_T ppvBuf);
+KEM_API KEM_FUNC_M KemSdAlignedMemFree(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pvBuf);
+KEM_API KEM_FUNC_M KemSdPhysMemAlloc(KEM_PSDCTX_T pSdCtx, KEM_SIZE_T sizeRequestBlocks, KEM_PPVOID_T ppvBuf);
+KEM_API KEM_FUNC_M KemSdPhysMemRealloc(KEM_PSDCTX_T pSdCtx, KEM_SIZE_T oldBlocks, KEM_SIZE_T newBlocks,
+                                       KEM_PPVOID_T ppvBuf);
+KEM_API KEM_FUNC_M KemSdPhysMemFree(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pvBuf);
+KEM_API KEM_FUNC_M KemSdMemLock(KEM_PSDCTX_T pSdCtx, KEM_ULONG_T ulBlocksToLock, KEM_PVOID_T pvBuf);
+KEM_API KEM_FUNC_M KemSdMemUnlock(KEM_PSDCTX_T pSdCtx, KEM_ULONG_T ulBlocksToUnlock, KEM_PVOID_T pvBuf);
+KEM_API KEM_FUNC_M KemSdAlignedMemAllocWrap(KEM_PSDCTX_T pSdCtxp, KEM_SIZE_T sizeRequestBlocks, KEM_PPVOID_T ppvBuf);
+KEM_API KEM_FUNC_M KemSdAlignedMemReallocWrap(KEM_PSDCTX_T pSdCtxp, KEM_SIZE_T oldBlocks, KEM_SIZE_T newBlocks,
+                                              KEM_PPVOID_T ppvBuf);
+KEM_API KEM_FUNC_M KemSdAlignedMemFreeWrap(KEM_PSDCTX_T pSdCtxp, KEM_PVOID_T pvBuf);
+
+/* ---- Tracked aligned memory and mapped pages -------------------------------------------------------------------- */
+
+KEM_API int ovMemAlignedIncCounter(void* block, int64_t size);
+KEM_API void ovMemAlignedDecCounter(void* block);
+KEM_API int ovMmap(void** ppBuf, size_t size, const char* fname, long line);
+KEM_API int ovMremap(void* pOldBuf, size_t aOldSize, void** ppBuf, size_t size, const char* fname, long line);
+KEM_API int ovMunmap(void* ptr, const char* fname, long line);
+KEM_API int ovMprotect(void* ptr, int prot, const char* fname, long line);
+
+/* ---- Per-thread free lists -------------------------------------------------------------------------------------- */
+
+KEM_API void* ThdAlloc_Create(void);
+KEM_API void ThdAlloc_Destroy(void* thisThdAlloc);
+KEM_API void* ThdAlloc_get(void* thisThdAlloc, unsigned int size, char policy);
+KEM_API void ThdAlloc_release(void* thisThdAlloc, void* arg);
+KEM_API void ThdAlloc_prealloc(void* thisThdAlloc);
+KEM_API void ThdAlloc_clean(void* thisThdAlloc);
+KEM_API void ThdAlloc_compaction(void* thisThdAlloc, long lowerLimit);
+KEM_API long* ThdAlloc_getElementCountAryPtr(void* thisThdAlloc);
+
+KEM_API int ovCreateThreadAlloc(void* thdctxp);
+KEM_API int ovDestroyThreadAlloc(void* thdctxp);
+KEM_API void ovThreadAlloc(void* thdctxp, size_t size, void** ppvfBuf, char policy);
+KEM_API int ovThreadFree(void* ptr);
+KEM_API void ovThreadPrealloc(void* thdctxp);
+KEM_API int ovFreelistCompaction(void* thdctxp);
+
+KEM_EXTERN_C_END
+
+#endif

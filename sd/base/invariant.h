@@ -1,0 +1,23 @@
+// Fixed assertions: internal consistency failures end the process through the C library's own assertion failure, in
+// every build type. Operators search for these texts, so source, line and function are data of the assertion and do not
+// follow the code as it moves.
+#pragma once
+
+#include <assert.h>
+
+namespace sd {
+
+struct SourcePoint {
+    const char* file;
+    unsigned line;
+    const char* function;
+};
+
+} // namespace sd
+
+// `point` is a SourcePoint; the expression's own text becomes the assertion's text, byte for byte.
+#define SD_INVARIANT(point, expression)                                               \
+    do {                                                                              \
+        if (!(expression)) [[unlikely]]                                               \
+            __assert_fail(#expression, (point).file, (point).line, (point).function); \
+    } while (false)

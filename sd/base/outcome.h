@@ -1,0 +1,50 @@
+// The result of an operation on its way to the caller's context: a status and the error number that goes with it.
+// Code inside passes outcomes around; the context record is written once, at the edge, by finish().
+#pragma once
+
+#include <kemsd/context.h>
+#include <cerrno>
+
+namespace sd {
+
+struct [[nodiscard]] Outcome {
+    KEM_STS_T sts;
+    KEM_OSRETCODE_T os;
+
+    constexpr bool failed() const { return sts != 0; }
+};
+
+constexpr Outcome ok(KEM_OSRETCODE_T os = 0)
+{
+    return {0, os};
+}
+
+constexpr Outcome fail(KEM_STS_T sts, KEM_OSRETCODE_T os = 0)
+{
+    return {sts, os};
+}
+
+// errno is read here, before any clean-up call can change it.
+inline Outcome failErrno(KEM_STS_T sts)
+{
+    return {sts, errno};
+}
+
+// Stores both values when a context is given; returns the status.
+inline KEM_STS_T finish(KEM_PSDCTX_T ctx, Outcome o)
+{
+    if (ctx) {
+        ctx->sts = o.sts;
+        ctx->osRetCode = o.os;
+    }
+    return o.sts;
+}
+
+// For the few calls that overwrite the status alone and keep the error number of the call inside.
+inline KEM_STS_T restate(KEM_PSDCTX_T ctx, KEM_STS_T sts)
+{
+    if (ctx) ctx->sts = sts;
+    return sts;
+}
+
+} // namespace sd

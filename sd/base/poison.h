@@ -1,0 +1,32 @@
+// Tells the memory checkers which bytes of our own arenas nobody may touch. Nothing in a release build.
+#pragma once
+
+#include <cstddef>
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/asan_interface.h>
+#elif defined(KEMSD_VALGRIND)
+#include <valgrind/memcheck.h>
+#endif
+
+namespace sd {
+
+inline void poison([[maybe_unused]] const void* from, [[maybe_unused]] size_t bytes)
+{
+#if defined(__SANITIZE_ADDRESS__)
+    __asan_poison_memory_region(from, bytes);
+#elif defined(KEMSD_VALGRIND)
+    VALGRIND_MAKE_MEM_NOACCESS(from, bytes);
+#endif
+}
+
+inline void unpoison([[maybe_unused]] const void* from, [[maybe_unused]] size_t bytes)
+{
+#if defined(__SANITIZE_ADDRESS__)
+    __asan_unpoison_memory_region(from, bytes);
+#elif defined(KEMSD_VALGRIND)
+    VALGRIND_MAKE_MEM_UNDEFINED(from, bytes);
+#endif
+}
+
+} // namespace sd

@@ -1,0 +1,4 @@
+// Not built yet.
+#include <kemsd/sync.h>
+
+constinit OV_BOOL_T bSdHardwareAcceleration = FALSE;
