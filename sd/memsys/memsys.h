@@ -13,6 +13,7 @@
 #pragma once
 
 #include <kemsd/memory.h>
+#include <cstdio>
 
 #include "sd/base/spinlock.h"
 #include "sd/base/thread.h"
@@ -81,6 +82,13 @@ private:
     OV_SPINLOCK_T& lock_;
 };
 
+// ---- Configuration
+
+constexpr OV_LONG_T kConfiguredSlots = 16; // what a configuration file that says nothing else gives
+
+// Reads an open configuration file to its end into the record; complains on standard output about what it cannot use.
+void readConfiguration(FILE* file);
+
 // ---- Slots
 
 constexpr OV_LONG_T kNoSlot = 4095;              // ThreadHeapId of a heap in the pool or being switched
@@ -137,6 +145,13 @@ inline void raiseMarks(volatile OV_ULONGLONG_T& sinceReset, volatile OV_ULONGLON
     storeRelaxed(sinceReset, now);
     if (loadRelaxed(sinceStart) < now) storeRelaxed(sinceStart, now);
 }
+
+// Reports that a request of so many bytes failed, MemMessageUsedMemory being the bytes used at the event: the first of
+// a row of failures at once, then at most one in 1,000 allocations.
+void sendShortage(OV_ULONG_T requestedBytes);
+
+// Sets the four bucket tables to 0.
+void clearBuckets();
 
 // Counts an allocation or a release of that many bytes in its size bucket, when bucket counting is on.
 void countAllocation(OV_ULONGLONG_T bytes);
