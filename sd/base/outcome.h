@@ -30,6 +30,14 @@ inline Outcome failErrno(KEM_STS_T sts)
     return {sts, errno};
 }
 
+// The failure of a call that may have run out of space: a full disk keeps its own status, so that the server can tell
+// it from every other cause.
+inline Outcome writeFailure(KEM_STS_T otherwise)
+{
+    const int error = errno;
+    return fail(error == ENOSPC ? SDSTS_DISK_FULL : otherwise, error);
+}
+
 // Stores both values when a context is given; returns the status.
 inline KEM_STS_T finish(KEM_PSDCTX_T ctx, Outcome o)
 {
