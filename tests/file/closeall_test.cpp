@@ -118,14 +118,3 @@ TEST(CloseAll, DoesNothingWhenTheDirectoryCannotBeOpened)
     EXPECT_THAT(reported(KemSdFileCloseAllFrom, 0), ReturnsOnly(0));
     EXPECT_EQ(calls(Call::close), 0);
 }
-
-TEST(CloseAll, DoesNothingWhenTheDirectorysNameCannotBeFormed)
-{
-    resetCalls();
-    for (const long length : {0L, 4096L, -1L}) {
-        Failing odd(Call::snprintf, 0, length);
-        EXPECT_THAT(reported(KemSdFileCloseAllFrom, 0), ReturnsOnly(0)) << length;
-    }
-    EXPECT_EQ(calls(Call::opendir), 0);
-    EXPECT_EQ(calls(Call::close), 0);
-}

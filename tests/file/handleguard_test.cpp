@@ -28,6 +28,7 @@ struct Operation {
 class HandleGuard : public testing::Test {
 protected:
     HandleGuard() { KemSdSetLeaseGuardAccessFunction(countPass); }
+    ~HandleGuard() override { KemSdSetFailoverModeFlag(FALSE); }
 
     static void expectPasses(const std::vector<Operation>& operations, int expected)
     {

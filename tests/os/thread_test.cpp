@@ -129,7 +129,8 @@ TEST_F(Thread, FailedJoinLeavesStatusZeroInTheContext)
 
 TEST_F(Thread, DeleteDetaches)
 {
-    std::atomic<bool> released = false;
+    static std::atomic<bool> released; // the thread may look at it after this test
+    released = false;
     ASSERT_THAT(create(endWhenReleased, 0, &released), Succeeds());
     EXPECT_THAT(reported(KemSdThreadDelete, &handle_), Succeeds());
     EXPECT_EQ(KemSdThreadJoin(nullptr, &handle_), SDSTS_THREAD_JOIN) << "it cannot be joined any more";

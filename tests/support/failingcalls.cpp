@@ -17,7 +17,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <type_traits>
@@ -223,16 +222,6 @@ int __wrap_nanosleep(const timespec* duration, timespec* rest)
     asked = *duration;
     if (fails(Call::nanosleep)) return failedResult<int>(Call::nanosleep, Failure::Minus1);
     return __real_nanosleep(duration, rest);
-}
-
-int __wrap_snprintf(char* text, size_t capacity, const char* format, ...)
-{
-    if (fails(Call::snprintf)) return failedResult<int>(Call::snprintf, Failure::Minus1);
-    va_list values;
-    va_start(values, format);
-    const int length = vsnprintf(text, capacity, format, values);
-    va_end(values);
-    return length;
 }
 
 void* __wrap_malloc(size_t size)
