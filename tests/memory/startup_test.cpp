@@ -361,6 +361,27 @@ TEST_F(Startup, MaxBlockOfZeroBuildsNoHeaps)
     EXPECT_NE(record.MemHeapPool.SpinLock.pSpinlock, nullptr);
 }
 
+// ---- The examples of docs/memory-configuration.md
+
+TEST_F(Startup, SmallExampleStandsBelowItsLimit)
+{
+    ASSERT_EQ(
+        start("memorylimit     32M\nnumthreadheaps  4\nnumheaps        12\nheapsize        512K\nshortmemoryoff\n"), 0);
+    EXPECT_EQ(regionsAsked, 12);
+    EXPECT_EQ(record.UsedMemory, 6u << 20);
+    EXPECT_EQ(record.NumHeaps, 0);
+}
+
+TEST_F(Startup, LargeExampleStandsBelowItsLimit)
+{
+    ASSERT_EQ(start("memorylimit 48G numthreadheaps 64 numheaps 200 heapsize 16M maxblock 256K shortheapsize 1M\n"
+                    "maxshortmemorypoolsize 128 limitshortheapsforremove 128 memoryblockscontrol\n"),
+              0);
+    EXPECT_EQ(regionsAsked, 72);
+    EXPECT_EQ(record.UsedMemory, OV_ULONGLONG_T{1152} << 20);
+    EXPECT_EQ(record.NumHeaps, 128);
+}
+
 // ---- Summary
 
 TEST_F(Startup, SummaryOfALimit)
