@@ -5,7 +5,7 @@
 #include <array>
 #include <cstring>
 #include <functional>
-#include <memory>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -171,6 +171,8 @@ struct Passage {
     bool tickets;
     void (*acquire)(KEM_PSPINLOCK_T, KEM_THDID_T);
     void (*release)(KEM_PSPINLOCK_T);
+
+    friend std::ostream& operator<<(std::ostream& out, const Passage& passage) { return out << passage.name; }
 };
 
 constexpr Passage kPassages[] = {
