@@ -407,6 +407,23 @@ TEST_P(Waiting, TheDefaultBoundIsReached)
     whileOneWaits([](std::thread&) { EXPECT_TRUE(yields(2)); });
 }
 
+TEST_P(Waiting, AfterAYieldAFullRoundFollows)
+{
+    constexpr int64_t kBound = 200000;
+    constexpr long kLeastOfARound = kBound / 2; // nanoseconds of processor time: no pause is that short
+    setBound(kBound);
+    whileOneWaits([](std::thread& waiter) {
+        EXPECT_TRUE(yields(1));
+        clockid_t clock;
+        ASSERT_EQ(pthread_getcpuclockid(waiter.native_handle(), &clock), 0);
+        const long ran = nanoseconds(clock);
+        const long before = calls(Call::sched_yield);
+        EXPECT_TRUE(keepsRunning(waiter));
+        const long made = calls(Call::sched_yield) - before;
+        EXPECT_LE(made, (nanoseconds(clock) - ran) / kLeastOfARound + 1);
+    });
+}
+
 TEST_P(Waiting, OnlyTheReentrantTicketPassageKeepsItsBound)
 {
     setBound(1);
