@@ -5,6 +5,10 @@
 
 #include <assert.h>
 
+// <assert.h> leaves its own failure function out when NDEBUG is set.
+extern "C" [[noreturn]] void __assert_fail(const char* expression, const char* file, unsigned line,
+                                           const char* function) noexcept;
+
 namespace sd {
 
 struct SourcePoint {
