@@ -17,6 +17,7 @@ namespace {
 
 constexpr uint32_t kHeader = sizeof(OV_MemAllocBlock_T);
 constexpr uint32_t kSmallestBlock = 48;
+constexpr uint32_t kLargestRequest = 0xFFFFFFC0;
 constexpr size_t kLiveBlocks = 512;
 
 void require(bool holds, const char* what)
@@ -149,9 +150,11 @@ private:
         for (uint32_t i = 0; i < bytes; ++i) require(live.data[i] == live.fill, "a live block keeps its bytes");
     }
 
-    // A refusal left nothing on the fast bins, and no free block is large enough.
+    // A refusal left nothing on the fast bins, and no free block is large enough. A request that no block size can hold
+    // is refused at once.
     void requireNoRoom(uint32_t bytes) const
     {
+        if (bytes > kLargestRequest) return;
         require(heap_->HeapHeader.FastBinCount == 0, "the fast bins are flushed before a refusal");
         const uint64_t need = bytes < kHeader ? kSmallestBlock : (bytes + 7ull) / 8 * 8 + kHeader;
         for (char* at = begin(); at < end(); at += reinterpret_cast<OV_MemAllocBlock_T*>(at)->size) {
@@ -176,7 +179,7 @@ uint32_t bytesFor(uint8_t kind, uint16_t number)
         case 2:
             return number;
         default:
-            return number % 4 == 0 ? 0xFFFFFFFFu - number : number * 8u;
+            return number % 4 == 0 ? 0xFFFFFFFFu - number / 4 : number * 8u;
     }
 }
 

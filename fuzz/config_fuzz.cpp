@@ -190,10 +190,7 @@ bool isModelled(const std::string& text)
     return true;
 }
 
-void* bytesOf(OV_MemThreadHeap_T& record)
-{
-    return &record;
-}
+void* bytesOf(OV_MemThreadHeap_T& record) { return &record; }
 
 } // namespace
 
