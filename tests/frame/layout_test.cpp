@@ -298,10 +298,7 @@ struct Status {
     KEM_STS_T expected;
 };
 
-constexpr Status numbered(const char* name, KEM_STS_T value, KEM_STS_T expected)
-{
-    return {name, value, expected};
-}
+constexpr Status numbered(const char* name, KEM_STS_T value, KEM_STS_T expected) { return {name, value, expected}; }
 #define STATUS(name, number) numbered(#name, name, number)
 
 constexpr Status kStatuses[] = {
