@@ -3,7 +3,10 @@
 # The headers are preprocessed first, so that comments and macros cannot hide a declaration or look like one.
 set -euo pipefail
 export LC_ALL=C
-[ $# -eq 1 ] && [ -d "$1/kemsd" ] || { echo "usage: exports.sh INCLUDE_DIR" >&2; exit 2; }
+if [ $# -ne 1 ] || [ ! -d "$1/kemsd" ]; then
+    echo "usage: exports.sh INCLUDE_DIR" >&2
+    exit 2
+fi
 
 (cd "$1" && printf '#include <%s>\n' kemsd/*.h) |
     "${CC:-cc}" -E -P -x c -D_GNU_SOURCE -I "$1" - |

@@ -22,5 +22,5 @@ grep -qE 'FLAGS_1.*NODELETE' <<<"$dynamic" || wrong "can be unloaded (-z nodelet
 ! grep -qE '\((RPATH|RUNPATH|TEXTREL)\)' <<<"$dynamic" || wrong "has a run path or text relocations"
 grep -q GNU_RELRO <<<"$segments" || wrong "has no read-only relocations (-z relro)"
 ! grep -qE 'GNU_STACK.*RWE' <<<"$segments" || wrong "wants an executable stack"
-echo "needs" $needed
+echo "needs ${needed//$'\n'/, }"
 [ "$failures" -eq 0 ]
