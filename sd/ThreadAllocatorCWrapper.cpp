@@ -12,10 +12,7 @@ constinit KEM_THREAD_LOCAL ThreadAllocator* memoryManagementObj = nullptr;
 
 namespace {
 
-ThreadAllocator* allocatorOf(void* thisThdAlloc)
-{
-    return static_cast<ThreadAllocator*>(thisThdAlloc);
-}
+ThreadAllocator* allocatorOf(void* thisThdAlloc) { return static_cast<ThreadAllocator*>(thisThdAlloc); }
 
 } // namespace
 
@@ -107,10 +104,7 @@ void ovThreadAlloc(void*, size_t size, void** ppvfBuf, char policy)
     sd::threadAlloc(size, ppvfBuf, policy);
 }
 
-int ovThreadFree(void* ptr)
-{
-    return ptr ? sd::threadFree(ptr) : 0;
-}
+int ovThreadFree(void* ptr) { return ptr ? sd::threadFree(ptr) : 0; }
 
 void ovThreadPrealloc(void*)
 {

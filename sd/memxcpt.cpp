@@ -17,27 +17,12 @@ OV_STS_T noReserve(void** result)
 
 } // namespace
 
-OV_LONG_T ovXcptFatExceptionOccured(void)
-{
-    return sd::loadRelaxed(iXcptExceptionStatus);
-}
+OV_LONG_T ovXcptFatExceptionOccured(void) { return sd::loadRelaxed(iXcptExceptionStatus); }
 
-OV_STS_T ovXcptMemAlloc(void*, OV_ULONG_T, void** result)
-{
-    return noReserve(result);
-}
+OV_STS_T ovXcptMemAlloc(void*, OV_ULONG_T, void** result) { return noReserve(result); }
 
-OV_STS_T ovXcptMemCalloc(void*, OV_ULONG_T, OV_ULONG_T, void** result)
-{
-    return noReserve(result);
-}
+OV_STS_T ovXcptMemCalloc(void*, OV_ULONG_T, OV_ULONG_T, void** result) { return noReserve(result); }
 
-OV_STS_T ovXcptMemRealloc(void*, OV_ULONG_T, void** result)
-{
-    return noReserve(result);
-}
+OV_STS_T ovXcptMemRealloc(void*, OV_ULONG_T, void** result) { return noReserve(result); }
 
-OV_STS_T ovXcptMemFree(void*, void*)
-{
-    return SDSTS_INVALID_PARAM;
-}
+OV_STS_T ovXcptMemFree(void*, void*) { return SDSTS_INVALID_PARAM; }

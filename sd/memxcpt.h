@@ -22,9 +22,6 @@ namespace sd {
 
 // The same answer as ovXcptFatExceptionOccured, inlined into every allocation. Relaxed: the declaring thread sees its
 // own store, and the requests themselves find out in order which thread declared it.
-inline bool fatalExceptionDeclared()
-{
-    return loadRelaxed(iXcptExceptionStatus) != 0;
-}
+inline bool fatalExceptionDeclared() { return loadRelaxed(iXcptExceptionStatus) != 0; }
 
 } // namespace sd

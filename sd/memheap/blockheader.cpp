@@ -20,10 +20,7 @@ using sd::SourcePoint;
 
 constexpr SourcePoint kDeadBlock{"sd/memheap", 246, "reallocModified"};
 
-void* systemBlockOf(void* block, size_t prefix)
-{
-    return static_cast<char*>(block) - prefix;
-}
+void* systemBlockOf(void* block, size_t prefix) { return static_cast<char*>(block) - prefix; }
 
 // Deliberate: crash-time sizes are 32-bit.
 void* crashTimeBlock(size_t size)

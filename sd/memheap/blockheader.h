@@ -31,10 +31,7 @@ constexpr size_t kLargestRequest = PTRDIFF_MAX - kClassedPrefix;
 
 // The place of the highest bit; 0 for 0. Deliberate: hardware acceleration makes no difference, since the bit scan is
 // part of every x86-64 processor.
-constexpr OV_ULONG_T floorLog2(size_t s)
-{
-    return static_cast<OV_ULONG_T>(std::bit_width(s | 1) - 1);
-}
+constexpr OV_ULONG_T floorLog2(size_t s) { return static_cast<OV_ULONG_T>(std::bit_width(s | 1) - 1); }
 
 struct SizeClass {
     size_t capacity;
@@ -61,10 +58,7 @@ static_assert(sizeClass(kPoolLimit - 1, kClassedPolicy) == SizeClass{kPoolLimit,
 static_assert(sizeClass(kPoolLimit, kClassedPolicy) == SizeClass{kPoolLimit, 21, 64});
 static_assert(sizeClass(kPoolLimit + 1, kClassedPolicy) == SizeClass{kPoolLimit + 1, 22, 64});
 
-inline OV_ALLOCMEMBLKHDR_T* headerOf(void* block)
-{
-    return static_cast<OV_ALLOCMEMBLKHDR_T*>(block) - 1;
-}
+inline OV_ALLOCMEMBLKHDR_T* headerOf(void* block) { return static_cast<OV_ALLOCMEMBLKHDR_T*>(block) - 1; }
 
 // policy and hlen as the little-endian 16-bit word they form.
 constexpr uint16_t headerTag(char policy, size_t prefix)

@@ -46,10 +46,7 @@ constexpr int64_t chargedBytes(int64_t blocks)
 static_assert(chargedBytes(2) == 16384 && chargedBytes(1 << 18) == INT32_MIN && chargedBytes(1 << 19) == 0);
 
 // Deliberate: the lock is taken under an address on the caller's own stack, not under its thread id.
-KEM_THDID_T stackRequester(const void* onStack)
-{
-    return reinterpret_cast<KEM_THDID_T>(onStack) >> 1;
-}
+KEM_THDID_T stackRequester(const void* onStack) { return reinterpret_cast<KEM_THDID_T>(onStack) >> 1; }
 
 void report(MemoryMessage kind, OV_ULONGLONG_T used, int64_t bytes)
 {
@@ -124,15 +121,9 @@ size_t mappingLength(size_t size)
     return rounded / page * page;
 }
 
-char* mappingOf(void* ptr)
-{
-    return static_cast<char*>(ptr) - kPrefix;
-}
+char* mappingOf(void* ptr) { return static_cast<char*>(ptr) - kPrefix; }
 
-size_t& lengthIn(char* mapping)
-{
-    return *reinterpret_cast<size_t*>(mapping);
-}
+size_t& lengthIn(char* mapping) { return *reinterpret_cast<size_t*>(mapping); }
 
 // The caller's pointer into a mapping of that length.
 void* handOut(void* mapping, size_t length)

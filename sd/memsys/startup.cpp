@@ -115,9 +115,10 @@ void clampSettings()
     record.MaxNumHeaps = record.NumHeaps;
 }
 
-// False, and no lock to take, when memory runs out.
+// False, and no lock to take, when memory runs out. A lock of an earlier start serves on.
 bool makeLock(OV_SPINLOCK_T& lock, LockNumber number, long line)
 {
+    if (lock.pSpinlock) return true;
     lock.slkno = number;
     lock.pSpinlock = KemSdSpinlockCreate(ovMemThreadHeap.pSdCtx, kSource, line);
     return lock.pSpinlock != nullptr;
@@ -126,7 +127,7 @@ bool makeLock(OV_SPINLOCK_T& lock, LockNumber number, long line)
 // A context that could not be had stays null, which every call accepts.
 bool makeContextAndRecordLock()
 {
-    (void)KemSdInit(&ovMemThreadHeap.pSdCtx, 0);
+    if (!ovMemThreadHeap.pSdCtx) (void)KemSdInit(&ovMemThreadHeap.pSdCtx, 0);
     std::fill_n(ovMemThreadHeap.MemoryControlAlignedArray, OV_MEM_ALIGNED_BUCKETS, nullptr);
     return makeLock(ovMemThreadHeap.SpinLock, kRecordLock, kRecordLockLine);
 }

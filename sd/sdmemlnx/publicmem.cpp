@@ -25,10 +25,7 @@ constexpr long kReallocLine = 283;
 
 constexpr KEM_SIZE_T kMostBlocks = SIZE_MAX >> sd::kBlockShift;
 
-Outcome lockFailure()
-{
-    return failErrno(errno == EPERM ? SDSTS_MEMLOCK_PRIVILEGE : SDSTS_MEMLOCK_FAILED);
-}
+Outcome lockFailure() { return failErrno(errno == EPERM ? SDSTS_MEMLOCK_PRIVILEGE : SDSTS_MEMLOCK_FAILED); }
 
 Outcome allocateAligned(KEM_SIZE_T blocks, void*& block)
 {
@@ -63,57 +60,30 @@ void copyBlocks(void* to, KEM_SIZE_T toBytes, const void* from, KEM_SIZE_T fromB
     if (from) memcpy(to, from, std::min<KEM_SIZE_T>(blockBytes32(fromBlocks), toBytes));
 }
 
-Outcome unsupported()
-{
-    return fail(SDSTS_NOT_SUPPORTED);
-}
+Outcome unsupported() { return fail(SDSTS_NOT_SUPPORTED); }
 
-Outcome heapResult(const void* block, KEM_STS_T sts)
-{
-    return fail(block ? sts : SDSTS_NO_MEMORY);
-}
+Outcome heapResult(const void* block, KEM_STS_T sts) { return fail(block ? sts : SDSTS_NO_MEMORY); }
 
 } // namespace
 
-KEM_FUNC_M KemSdMemInit(KEM_PSDCTX_T pSdCtx)
-{
-    return finish(pSdCtx, ok());
-}
+KEM_FUNC_M KemSdMemInit(KEM_PSDCTX_T pSdCtx) { return finish(pSdCtx, ok()); }
 
-KEM_FUNC_M KemSdMemTerm(KEM_PSDCTX_T pSdCtx)
-{
-    return finish(pSdCtx, ok());
-}
+KEM_FUNC_M KemSdMemTerm(KEM_PSDCTX_T pSdCtx) { return finish(pSdCtx, ok()); }
 
-KEM_FUNC_M KemSdMemPoolInit(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T, KEM_ULONG_T)
-{
-    return finish(pSdCtx, ok());
-}
+KEM_FUNC_M KemSdMemPoolInit(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T, KEM_ULONG_T) { return finish(pSdCtx, ok()); }
 
-KEM_FUNC_M KemSdMemPoolTerm(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T)
-{
-    return finish(pSdCtx, ok());
-}
+KEM_FUNC_M KemSdMemPoolTerm(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T) { return finish(pSdCtx, ok()); }
 
 KEM_FUNC_M KemSdMemPoolFixedInit(KEM_PSDCTX_T pSdCtx, KEM_USHORT_T, KEM_ULONG_T, KEM_PVOID_T)
 {
     return finish(pSdCtx, unsupported());
 }
 
-KEM_FUNC_M KemSdMemPoolFixedTerm(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T)
-{
-    return finish(pSdCtx, unsupported());
-}
+KEM_FUNC_M KemSdMemPoolFixedTerm(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T) { return finish(pSdCtx, unsupported()); }
 
-KEM_FUNC_M KemSdMemFixedAlloc(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T, KEM_PPVOID_T)
-{
-    return finish(pSdCtx, unsupported());
-}
+KEM_FUNC_M KemSdMemFixedAlloc(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T, KEM_PPVOID_T) { return finish(pSdCtx, unsupported()); }
 
-KEM_FUNC_M KemSdMemFixedFree(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T)
-{
-    return finish(pSdCtx, unsupported());
-}
+KEM_FUNC_M KemSdMemFixedFree(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T) { return finish(pSdCtx, unsupported()); }
 
 KEM_FUNC_M KemSdIsMemPageLocking(KEM_PSDCTX_T pSdCtx, KEM_PPVOID_T, KEM_PBOOL_T pbIsAvailable)
 {
@@ -192,10 +162,7 @@ KEM_FUNC_M KemSdAlignedMemRealloc(KEM_PSDCTX_T pSdCtx, KEM_SIZE_T oldBlocks, KEM
     return finish(pSdCtx, released);
 }
 
-KEM_FUNC_M KemSdAlignedMemFree(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pvBuf)
-{
-    return finish(pSdCtx, release(pvBuf));
-}
+KEM_FUNC_M KemSdAlignedMemFree(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pvBuf) { return finish(pSdCtx, release(pvBuf)); }
 
 KEM_FUNC_M KemSdPhysMemAlloc(KEM_PSDCTX_T pSdCtx, KEM_SIZE_T sizeRequestBlocks, KEM_PPVOID_T ppvBuf)
 {
@@ -216,10 +183,7 @@ KEM_FUNC_M KemSdPhysMemRealloc(KEM_PSDCTX_T pSdCtx, KEM_SIZE_T oldBlocks, KEM_SI
     return finish(pSdCtx, released);
 }
 
-KEM_FUNC_M KemSdPhysMemFree(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pvBuf)
-{
-    return finish(pSdCtx, release(pvBuf));
-}
+KEM_FUNC_M KemSdPhysMemFree(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pvBuf) { return finish(pSdCtx, release(pvBuf)); }
 
 KEM_FUNC_M KemSdMemLock(KEM_PSDCTX_T pSdCtx, KEM_ULONG_T ulBlocksToLock, KEM_PVOID_T pvBuf)
 {

@@ -20,10 +20,7 @@ protected:
 
 class NoHeader : public testing::Test {};
 
-OV_ALLOCMEMBLKHDR_T& headerOf(void* block)
-{
-    return static_cast<OV_ALLOCMEMBLKHDR_T*>(block)[-1];
-}
+OV_ALLOCMEMBLKHDR_T& headerOf(void* block) { return static_cast<OV_ALLOCMEMBLKHDR_T*>(block)[-1]; }
 
 void expectHeader(void* block, OV_ULONG_T poolIndex, int policy, int hlen)
 {

@@ -17,10 +17,7 @@ namespace {
 std::string request;
 char given[16];
 
-std::string text(const void* p)
-{
-    return p == nullptr ? "null" : p == given ? "given" : "other";
-}
+std::string text(const void* p) { return p == nullptr ? "null" : p == given ? "given" : "other"; }
 
 } // namespace
 

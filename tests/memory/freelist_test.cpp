@@ -40,10 +40,7 @@ protected:
     void* allocator = nullptr;
 };
 
-OV_ALLOCMEMBLKHDR_T& headerOf(void* block)
-{
-    return static_cast<OV_ALLOCMEMBLKHDR_T*>(block)[-1];
-}
+OV_ALLOCMEMBLKHDR_T& headerOf(void* block) { return static_cast<OV_ALLOCMEMBLKHDR_T*>(block)[-1]; }
 
 void expectHeader(void* block, OV_ULONG_T poolIndex, int policy, int hlen)
 {

@@ -37,10 +37,7 @@ protected:
     size_t page = static_cast<size_t>(getpagesize());
 };
 
-OV_ULONGLONG_T used()
-{
-    return ovMemThreadHeap.UsedAlignedMemory;
-}
+OV_ULONGLONG_T used() { return ovMemThreadHeap.UsedAlignedMemory; }
 
 size_t lengthOf(const void* mapped)
 {
