@@ -1,0 +1,23 @@
+// The general-purpose allocators that ours is measured against, each loaded privately beside the C library's.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace kemsd::bench {
+
+struct Allocator {
+    std::string name;
+    void* (*allocate)(size_t bytes);
+    void (*release)(void* block);
+};
+
+// Call first in main. Allocators with large thread-local areas can be loaded at run time only when room was left for
+// them at the program's start; where it was not, this starts the program again with that room.
+void makeRoomForAllocators(char** argv);
+
+// The C library's and every installed one.
+const std::vector<Allocator>& allocators();
+
+} // namespace kemsd::bench
