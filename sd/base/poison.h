@@ -29,4 +29,17 @@ inline void unpoison([[maybe_unused]] const void* from, [[maybe_unused]] size_t 
 #endif
 }
 
+// Whether a memory checker guards any of these bytes. Always false in a release build.
+inline bool isPoisoned([[maybe_unused]] const void* from, [[maybe_unused]] size_t bytes)
+{
+#if defined(__SANITIZE_ADDRESS__)
+    return __asan_region_is_poisoned(const_cast<void*>(from), bytes) != nullptr;
+#elif defined(KEMSD_VALGRIND)
+    unsigned char validity[64];
+    return VALGRIND_GET_VBITS(from, validity, bytes < sizeof validity ? bytes : sizeof validity) == 3;
+#else
+    return false;
+#endif
+}
+
 } // namespace sd

@@ -4,9 +4,10 @@
 // Two variants share the storage and the hardware-acceleration switch picks one at every call. In both the owner test
 // comes first: thdMasterId can equal the caller's id only if the caller stored it, so the unlocked read is safe.
 //
-// Order: taking the lock is a locked instruction. Making it free is a release store of `slock` or `grant`, which the
-// next owner's locked instruction or its read of `grant` pairs with; that is the order a store fence would give, and on
-// x86-64 it costs nothing. The owner's bookkeeping is read by others without the lock, so it is relaxed.
+// Order: taking the lock is a locked instruction. Making it free is a release store of `slock` or `grant`; the next
+// owner's exchange of `slock` or its read of `grant` pairs with it. The owner's bookkeeping is read by others without
+// the lock: its last store is a release as well, so that whoever sees it sees the owner. These are the orders that
+// store fences would give, and on x86-64 they cost nothing.
 #pragma once
 
 #include "sd/base/atomic.h"
@@ -14,16 +15,27 @@
 
 namespace sd {
 
-// Waits until the exchange lock is ours; in sd/sdsync.cpp.
-void waitExchange(KEM_SPINLOCK_XCHG_T& lock);
-// Waits until `grant` has reached our ticket; in sd/sdsync.cpp.
-void waitTicket(KEM_SPINLOCK_TICKET_T& lock, KEM_SDATOMIC_T ticket);
+// ---- Exchange variant
 
-// Swaps the lowest byte of the lock word with 0; true when the lock was free and is ours.
-inline bool takeByte(volatile int64_t& slock)
+enum class Try { Taken, Held, RaceLost };
+
+// Goes on after a first attempt that ended otherwise than Taken, until the lock is the caller's; in sd/sdsync.cpp. The
+// waiting functions are the last step of their callers, so that a passage without contention saves no registers.
+[[gnu::noinline]] void waitExchange(KEM_SPINLOCK_XCHG_T& lock, Try last, KEM_THDID_T id);
+
+// One attempt: a look at the whole word, and if it is not 0, the swap of its lowest byte with 0.
+inline Try tryExchange(KEM_SPINLOCK_XCHG_T& lock)
 {
-    return __atomic_exchange_n(reinterpret_cast<volatile signed char*>(&slock), static_cast<signed char>(0),
-                               __ATOMIC_ACQUIRE) > 0;
+    if (loadRelaxed(lock.slock) == 0) return Try::Held;
+    auto* lowest = reinterpret_cast<volatile signed char*>(&lock.slock);
+    // Acquire: pairs with the release store of `slock` by which the lock became free.
+    return __atomic_exchange_n(lowest, static_cast<signed char>(0), __ATOMIC_ACQUIRE) > 0 ? Try::Taken : Try::RaceLost;
+}
+
+inline void ownExchange(KEM_SPINLOCK_XCHG_T& lock, KEM_THDID_T id)
+{
+    storeRelaxed(lock.thdMasterId, id);
+    storeRelease(lock.sLockCount, 1); // whoever reads this depth finds the owner
 }
 
 inline void acquireExchange(KEM_SPINLOCK_XCHG_T& lock, KEM_THDID_T id)
@@ -32,10 +44,49 @@ inline void acquireExchange(KEM_SPINLOCK_XCHG_T& lock, KEM_THDID_T id)
         addUnlocked(lock.sLockCount, 1);
         return;
     }
-    if (loadRelaxed(lock.slock) == 0 || !takeByte(lock.slock)) [[unlikely]]
-        waitExchange(lock);
+    if (const Try first = tryExchange(lock); first != Try::Taken) [[unlikely]]
+        return waitExchange(lock, first, id);
+    ownExchange(lock, id);
+}
+
+inline void releaseExchange(KEM_SPINLOCK_XCHG_T& lock)
+{
+    const int depth = addUnlocked(lock.sLockCount, -1) - 1;
+    if (static_cast<int16_t>(depth) > 0) [[unlikely]]
+        return;
+    storeRelaxed(lock.thdMasterId, 0);
+    storeRelease(lock.slock, 1); // hands over: pairs with the exchange of the next owner
+}
+
+// ---- Ticket variant
+
+// Waits until `grant` has reached the ticket, then owns the lock; in sd/sdsync.cpp.
+[[gnu::noinline]] void waitTicket(KEM_SPINLOCK_TICKET_T& lock, KEM_SDATOMIC_T ticket, KEM_THDID_T id);
+
+// The order of arrival is the order of this one word, so relaxed suffices.
+inline KEM_SDATOMIC_T drawTicket(KEM_SPINLOCK_TICKET_T& lock)
+{
+    return __atomic_fetch_add(&lock.lTicket, 1, __ATOMIC_RELAXED);
+}
+
+// Acquire: pairs with the release store of `grant` by which the lock became free.
+inline bool granted(const KEM_SPINLOCK_TICKET_T& lock, KEM_SDATOMIC_T ticket)
+{
+    return loadAcquire(lock.grant) == ticket;
+}
+
+inline void ownTicket(KEM_SPINLOCK_TICKET_T& lock, KEM_SDATOMIC_T ticket, KEM_THDID_T id)
+{
     storeRelaxed(lock.thdMasterId, id);
     storeRelaxed(lock.sLockCount, 1);
+    storeRelease(lock.lOwnerTicket, ticket); // whoever reads this ticket finds its owner and depth
+}
+
+inline void grantNext(KEM_SPINLOCK_TICKET_T& lock)
+{
+    storeRelaxed(lock.thdMasterId, 0);
+    // Hands over: pairs with the next owner's read of `grant`.
+    storeRelease(lock.grant, loadRelaxed(lock.lOwnerTicket) + 1);
 }
 
 inline void acquireTicket(KEM_SPINLOCK_TICKET_T& lock, KEM_THDID_T id)
@@ -44,33 +95,21 @@ inline void acquireTicket(KEM_SPINLOCK_TICKET_T& lock, KEM_THDID_T id)
         addUnlocked(lock.sLockCount, 1);
         return;
     }
-    const KEM_SDATOMIC_T ticket = __atomic_fetch_add(&lock.lTicket, 1, __ATOMIC_RELAXED);
-    if (loadAcquire(lock.grant) != ticket) [[unlikely]]
-        waitTicket(lock, ticket);
-    storeRelaxed(lock.thdMasterId, id);
-    storeRelaxed(lock.sLockCount, 1);
-    storeRelaxed(lock.lOwnerTicket, ticket);
-}
-
-inline void releaseExchange(KEM_SPINLOCK_XCHG_T& lock)
-{
-    const auto depth = static_cast<int16_t>(loadRelaxed(lock.sLockCount) - 1);
-    storeRelaxed(lock.sLockCount, depth);
-    if (depth > 0) [[unlikely]]
-        return;
-    storeRelaxed(lock.thdMasterId, 0);
-    storeRelease(lock.slock, 1);
+    const KEM_SDATOMIC_T ticket = drawTicket(lock);
+    if (!granted(lock, ticket)) [[unlikely]]
+        return waitTicket(lock, ticket, id);
+    ownTicket(lock, ticket, id);
 }
 
 inline void releaseTicket(KEM_SPINLOCK_TICKET_T& lock)
 {
-    const auto depth = static_cast<int16_t>(loadRelaxed(lock.sLockCount) - 1);
-    storeRelaxed(lock.sLockCount, depth);
-    if (depth > 0) [[unlikely]]
+    const int depth = addUnlocked(lock.sLockCount, -1) - 1;
+    if (static_cast<int16_t>(depth) > 0) [[unlikely]]
         return;
-    storeRelaxed(lock.thdMasterId, 0);
-    storeRelease(lock.grant, loadRelaxed(lock.lOwnerTicket) + 1);
+    grantNext(lock);
 }
+
+// ---- The variant in force
 
 inline void acquire(KEM_SPINLOCK_T& lock, KEM_THDID_T id)
 {

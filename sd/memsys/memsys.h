@@ -87,15 +87,26 @@ constexpr OV_LONG_T kNoSlot = 4095;              // ThreadHeapId of a heap in th
 constexpr OV_LONG_T kShortTermHeap = 0x7FFFFFFF; // ThreadHeapId of a short-term heap: used without its lock
 constexpr OV_LONG_T kSpareHeaps = 8;             // heaps in the pool after start-up
 
-// NumThreadHeaps while the heaps stand, else 0: what decides the road of a request. It becomes positive only when
-// start-up has built everything, so that what start-up itself allocates takes the road for thread heaps off.
-extern OV_LONG_T standingSlots;
 // The heaps stood at some time: blocks of theirs may still come back.
 extern bool heapsHaveStood;
 
+// What the choice of a slot reads, on a cache line of its own: the record's counters change all the time.
+struct alignas(64) Slots {
+    OV_ULONG_T count;      // NumThreadHeaps while the heaps stand, else 0
+    OV_ULONG_T reciprocal; // 2^32 / count, rounded up: n mod count by multiplication for n below 2^11
+    OV_ULONG_T largest;    // MaxAllocBlock
+    // The window of malloc_count that was last seen: its first count << 6 | its prime's index. One word, so that it is
+    // never seen half; a stale one is renewed by whoever notices.
+    OV_ULONGLONG_T window;
+};
+
+extern Slots slots;
+
+// Whether requests take the road through the heaps. They do only when start-up has built everything, so that what
+// start-up itself allocates takes the road for thread heaps off. NumThreadHeaps says what the interface promises.
 inline bool heapsOn()
 {
-    return loadRelaxed(standingSlots) > 0;
+    return loadRelaxed(slots.count) != 0;
 }
 
 // Opens the slots (start-up's last step) or closes them (termination, or a start-up that leaves them off).
@@ -138,9 +149,12 @@ inline void raiseMarks(volatile OV_ULONGLONG_T& sinceReset, volatile OV_ULONGLON
     if (loadRelaxed(sinceStart) < now) storeRelaxed(sinceStart, now);
 }
 
-// Counts an allocation or a release of that many bytes in its size bucket, when bucket counting is on.
+// Counts an allocation or a release of that many bytes in its size bucket; only while bucketControl().
 void countAllocation(OV_ULONGLONG_T bytes);
 void countRelease(OV_ULONGLONG_T bytes);
+
+// The out-of-memory report with the bytes that were wanted.
+void reportExhausted(OV_ULONG_T bytes);
 
 // Reports a pending warning after a successful request.
 inline void reportPendingWarning(size_t bytes)
