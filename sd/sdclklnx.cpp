@@ -158,10 +158,7 @@ KEM_FUNC_M KemSdSleep(KEM_PSDCTX_T pSdCtx, KEM_ULONG_T ulMilliseconds)
     return finish(pSdCtx, result == -1 ? fail(SDSTS_SLEEP_FAILED, result) : ok(result));
 }
 
-KEM_TIME_T KemSdTimetFromDOS(KEM_ULONG_T dos_time, KEM_ULONG_T dos_date)
-{
-    return timeFromDos(dos_time, dos_date);
-}
+KEM_TIME_T KemSdTimetFromDOS(KEM_ULONG_T dos_time, KEM_ULONG_T dos_date) { return timeFromDos(dos_time, dos_date); }
 
 int KemSdGetFileSizeAndCreateDate(KEM_PFILEFINDINFO_T fileinfo, KEM_ULONGLONG_T* size, KEM_PTIME_T time)
 {

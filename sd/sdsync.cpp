@@ -52,16 +52,10 @@ constexpr KEM_LONG_T kInitialSpinTime = 256;
 // ---- Waiting
 
 // The busy-spin bound: rounds of the spin-wait hint before a yield; 0 or less means a yield every round.
-int64_t spinBound()
-{
-    return loadRelaxed(KEM_SDSYNC_BUSYSPIN_UPPERLIMIT);
-}
+int64_t spinBound() { return loadRelaxed(KEM_SDSYNC_BUSYSPIN_UPPERLIMIT); }
 
 // Deliberate: the exchange variant counts in 32 bits. Under a bound beyond them the count wraps and never yields.
-constexpr int32_t nextRound(int32_t round)
-{
-    return static_cast<int32_t>(static_cast<uint32_t>(round) + 1);
-}
+constexpr int32_t nextRound(int32_t round) { return static_cast<int32_t>(static_cast<uint32_t>(round) + 1); }
 static_assert(nextRound(0) == 1 && nextRound(INT32_MAX) == INT32_MIN);
 
 // Whether a waiter keeps the spin bound that it found on arrival or looks at it again in every round.
@@ -193,25 +187,13 @@ int64_t KemSdAtomicAdd(volatile KEM_SDATOMIC_T* store, int64_t v)
     return __atomic_fetch_add(store, v, __ATOMIC_SEQ_CST);
 }
 
-int64_t KemSdAtomicIncrement(volatile KEM_SDATOMIC_T* store)
-{
-    return KemSdAtomicAdd(store, 1);
-}
+int64_t KemSdAtomicIncrement(volatile KEM_SDATOMIC_T* store) { return KemSdAtomicAdd(store, 1); }
 
-int64_t KemSdAtomicDecrement(volatile KEM_SDATOMIC_T* store)
-{
-    return KemSdAtomicAdd(store, -1);
-}
+int64_t KemSdAtomicDecrement(volatile KEM_SDATOMIC_T* store) { return KemSdAtomicAdd(store, -1); }
 
-void KemSdAtomicSet(volatile KEM_SDATOMIC_T* store)
-{
-    KemSdAtomicCompareAndSwap(store, 0, 1);
-}
+void KemSdAtomicSet(volatile KEM_SDATOMIC_T* store) { KemSdAtomicCompareAndSwap(store, 0, 1); }
 
-void KemSdAtomicUnset(volatile KEM_SDATOMIC_T* store)
-{
-    KemSdAtomicCompareAndSwap(store, 1, 0);
-}
+void KemSdAtomicUnset(volatile KEM_SDATOMIC_T* store) { KemSdAtomicCompareAndSwap(store, 1, 0); }
 
 void KemSdBitAnd(volatile KEM_SDATOMIC_T* store, int64_t value)
 {
@@ -232,10 +214,7 @@ KEM_BOOL_T KemSdCmpXchgPtr(void* oldValue, void* newValue, void* volatile* store
     return __atomic_compare_exchange_n(store, &oldValue, newValue, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
 }
 
-KEM_BOOL_T KemSdCmpXchg2(KEM_DWATOMIC_T, KEM_DWATOMIC_T, volatile KEM_DWATOMIC_T*)
-{
-    return FALSE;
-}
+KEM_BOOL_T KemSdCmpXchg2(KEM_DWATOMIC_T, KEM_DWATOMIC_T, volatile KEM_DWATOMIC_T*) { return FALSE; }
 
 // Deliberate: the caller that resets the store receives 0, and so does the next: 0 is handed out twice in each cycle.
 int64_t KemSdAtomicIncrementWithCap(volatile KEM_SDATOMIC_T* store, int64_t cap)
@@ -288,10 +267,7 @@ void KemSdSpinlockInit(KEM_PSDCTX_T, KEM_PSPINLOCK_T pSpinlock)
     storeRelaxed(pSpinlock->xchg.slock, 1);
 }
 
-void KemSdSpinlockAcquire(KEM_PSPINLOCK_T pSpinlock, KEM_THDID_T RequestorId)
-{
-    sd::acquire(*pSpinlock, RequestorId);
-}
+void KemSdSpinlockAcquire(KEM_PSPINLOCK_T pSpinlock, KEM_THDID_T RequestorId) { sd::acquire(*pSpinlock, RequestorId); }
 
 void KemSdSpinlockAcquireNonReentrant(KEM_PSPINLOCK_T pSpinlock, KEM_THDID_T RequestorId)
 {
@@ -303,10 +279,7 @@ void KemSdSpinlockAcquireNonReentrant(KEM_PSPINLOCK_T pSpinlock, KEM_THDID_T Req
         sd::acquireExchange(pSpinlock->xchg, RequestorId);
 }
 
-void KemSdSpinlockRelease(KEM_PSPINLOCK_T pSpinlock)
-{
-    sd::release(*pSpinlock);
-}
+void KemSdSpinlockRelease(KEM_PSPINLOCK_T pSpinlock) { sd::release(*pSpinlock); }
 
 void KemSdSpinlockReleaseNonReentrant(KEM_PSPINLOCK_T pSpinlock)
 {
@@ -340,15 +313,9 @@ void KemSdSpinlockDestroy(KEM_PSDCTX_T, KEM_PSPINLOCK_T pSpinlock, const char* f
         ovFree(pSpinlock, kSource, kDestroyLine);
 }
 
-int64_t KemSdGetSpinlockCount(void)
-{
-    return loadRelaxed(lTotalNumOfSpinlocks);
-}
+int64_t KemSdGetSpinlockCount(void) { return loadRelaxed(lTotalNumOfSpinlocks); }
 
-void* KemSdGetFirstAllocSpinlock(void)
-{
-    return nullptr;
-}
+void* KemSdGetFirstAllocSpinlock(void) { return nullptr; }
 
 void KemSdSetHardwareAcceleration(KEM_BOOL_T bUseHardwareAcceleration)
 {
@@ -366,7 +333,4 @@ void KemSyncEnvInit(KEM_PSDCTX_T)
     storeRelease(KEM_SDSYNC_ENV_INITED, 1);
 }
 
-void KemSyncEnvTerm(KEM_PSDCTX_T)
-{
-    storeRelease(KEM_SDSYNC_ENV_INITED, 0);
-}
+void KemSyncEnvTerm(KEM_PSDCTX_T) { storeRelease(KEM_SDSYNC_ENV_INITED, 0); }

@@ -45,9 +45,6 @@ inline Word<T> addUnlocked(T& word, std::type_identity_t<Word<T>> value)
 }
 
 // The processor's spin-wait hint.
-inline void pauseHint()
-{
-    __builtin_ia32_pause();
-}
+inline void pauseHint() { __builtin_ia32_pause(); }
 
 } // namespace sd

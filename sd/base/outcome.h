@@ -14,21 +14,12 @@ struct [[nodiscard]] Outcome {
     constexpr bool failed() const { return sts != 0; }
 };
 
-constexpr Outcome ok(KEM_OSRETCODE_T os = 0)
-{
-    return {0, os};
-}
+constexpr Outcome ok(KEM_OSRETCODE_T os = 0) { return {0, os}; }
 
-constexpr Outcome fail(KEM_STS_T sts, KEM_OSRETCODE_T os = 0)
-{
-    return {sts, os};
-}
+constexpr Outcome fail(KEM_STS_T sts, KEM_OSRETCODE_T os = 0) { return {sts, os}; }
 
 // errno is read here, before any clean-up call can change it.
-inline Outcome failErrno(KEM_STS_T sts)
-{
-    return {sts, errno};
-}
+inline Outcome failErrno(KEM_STS_T sts) { return {sts, errno}; }
 
 // Stores both values when a context is given; returns the status.
 inline KEM_STS_T finish(KEM_PSDCTX_T ctx, Outcome o)

@@ -18,30 +18,12 @@ extern KEM_File_Locking_Mode file_locking_mode;
 
 namespace sd {
 
-inline bool memoryManagerOn()
-{
-    return loadRelaxed(bSdSetMemoryManager);
-}
-inline bool deallocationOff()
-{
-    return loadRelaxed(bTurnOffMemDealloc);
-}
-inline bool mappingOff()
-{
-    return loadRelaxed(gbDisableMmap);
-}
-inline bool protectionOn()
-{
-    return loadRelaxed(gbMemProtect);
-}
-inline bool failoverMode()
-{
-    return loadRelaxed(bFailoverMode);
-}
+inline bool memoryManagerOn() { return loadRelaxed(bSdSetMemoryManager); }
+inline bool deallocationOff() { return loadRelaxed(bTurnOffMemDealloc); }
+inline bool mappingOff() { return loadRelaxed(gbDisableMmap); }
+inline bool protectionOn() { return loadRelaxed(gbMemProtect); }
+inline bool failoverMode() { return loadRelaxed(bFailoverMode); }
 // Ticket locks, larger free lists, the processor's bit scan.
-inline bool hardwareAcceleration()
-{
-    return loadRelaxed(bSdHardwareAcceleration);
-}
+inline bool hardwareAcceleration() { return loadRelaxed(bSdHardwareAcceleration); }
 
 } // namespace sd

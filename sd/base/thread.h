@@ -5,9 +5,6 @@
 
 namespace sd {
 
-inline KEM_THDID_T currentThread()
-{
-    return reinterpret_cast<KEM_THDID_T>(__builtin_thread_pointer());
-}
+inline KEM_THDID_T currentThread() { return reinterpret_cast<KEM_THDID_T>(__builtin_thread_pointer()); }
 
 } // namespace sd

@@ -57,10 +57,7 @@ OV_MemBin_T* freeBehind(const OV_MemHeapHeader_T& header, OV_MemBin_T* block)
     return !insideRegion(header, behind) || behind->MemHeap ? nullptr : behind;
 }
 
-bool isEmpty(const OV_MemHeapHeader_T& header, OV_LONG_T bin)
-{
-    return header.BinMap[bin] != 0;
-}
+bool isEmpty(const OV_MemHeapHeader_T& header, OV_LONG_T bin) { return header.BinMap[bin] != 0; }
 
 // Writes the distances of the empty run below `bin`; `distance` is that of `bin` itself.
 void renumberBelow(OV_MemHeapHeader_T& header, OV_LONG_T bin, OV_LONG_T distance)
@@ -243,10 +240,7 @@ void coalesce(OV_MemHeapHeader_T& header, OV_MemBin_T* Bin)
 
 } // namespace sd::memheap
 
-void ovMemLinkBin(OV_MemHeapHeader_T* HeapHeader, OV_BYTE_T*, OV_MemBin_T* Bin)
-{
-    coalesce(*HeapHeader, Bin);
-}
+void ovMemLinkBin(OV_MemHeapHeader_T* HeapHeader, OV_BYTE_T*, OV_MemBin_T* Bin) { coalesce(*HeapHeader, Bin); }
 
 void ovMemHeapInit(OV_MemHeap_T* MemHeap, OV_BOOL_T LongTermHeap)
 {
@@ -280,10 +274,7 @@ void* ovMemHeapMalloc(OV_MemHeap_T* MemHeap, OV_ULONG_T bytes)
     return allocate(*MemHeap, capacityFor(bytes));
 }
 
-void ovMemHeapFree(OV_MemHeap_T* MemHeap, void* block)
-{
-    release(*MemHeap, blockOf(block));
-}
+void ovMemHeapFree(OV_MemHeap_T* MemHeap, void* block) { release(*MemHeap, blockOf(block)); }
 
 void* ovMemHeapRealloc(OV_MemHeap_T* MemHeap, void* block, OV_ULONG_T bytes)
 {

@@ -20,10 +20,7 @@ constexpr OV_LONG_T kLastBin = OV_MEM_BINS - 1;
 constexpr OV_ULONG_T kLargestRequest = 0xFFFFFFC0;
 
 // The capacity a request is served with: at least 24, a multiple of 8.
-constexpr OV_ULONG_T capacityFor(OV_ULONG_T bytes)
-{
-    return bytes <= 23 ? 24 : (bytes + 7) & ~OV_ULONG_T{7};
-}
+constexpr OV_ULONG_T capacityFor(OV_ULONG_T bytes) { return bytes <= 23 ? 24 : (bytes + 7) & ~OV_ULONG_T{7}; }
 static_assert(capacityFor(0) == 24 && capacityFor(24) == 24 && capacityFor(25) == 32);
 
 // The bin that holds free blocks of `size` bytes: steps of 128 up to 2048, steps of 2048 below 32768, then one bin.
@@ -37,10 +34,7 @@ static_assert(binIndex(32767) == 30 && binIndex(32768) == 31);
 
 // The fast bin of blocks of that capacity; above kLastFastBin there is none. The smallest block has capacity 24, so
 // fast bins 0 and 1 stay empty.
-constexpr OV_ULONG_T fastBinIndex(OV_ULONG_T capacity)
-{
-    return capacity / 8 - 1;
-}
+constexpr OV_ULONG_T fastBinIndex(OV_ULONG_T capacity) { return capacity / 8 - 1; }
 static_assert(fastBinIndex(24) == 2 && fastBinIndex(160) == kLastFastBin && fastBinIndex(168) > kLastFastBin);
 
 inline OV_MemAllocBlock_T* blockOf(void* callers)
@@ -48,15 +42,9 @@ inline OV_MemAllocBlock_T* blockOf(void* callers)
     return reinterpret_cast<OV_MemAllocBlock_T*>(static_cast<char*>(callers) - kBlockHeader);
 }
 
-inline void* callersPointer(OV_MemAllocBlock_T* block)
-{
-    return block + 1;
-}
+inline void* callersPointer(OV_MemAllocBlock_T* block) { return block + 1; }
 
-inline OV_ULONG_T capacityOf(const OV_MemAllocBlock_T* block)
-{
-    return block->size - kBlockHeader;
-}
+inline OV_ULONG_T capacityOf(const OV_MemAllocBlock_T* block) { return block->size - kBlockHeader; }
 
 // Whether a look under the lock is worth it: blocks on the fast bins (a flush may join them), a non-empty bin for that
 // capacity, or a non-empty bin above. Read without the lock; a wrong answer costs a needless look or a needless swap.

@@ -146,10 +146,7 @@ int ovCalloc(void* UniqueAddress, long num, size_t size, void** ppvfBuf, char po
     return heapsOn() ? done(bytes) : 0;
 }
 
-int ovFreeBase(void* ptr, size_t alignment, const char*, long)
-{
-    return giveBack(ptr, alignment);
-}
+int ovFreeBase(void* ptr, size_t alignment, const char*, long) { return giveBack(ptr, alignment); }
 
 int ovFree(void* ptr, const char*, long)
 {
@@ -158,10 +155,7 @@ int ovFree(void* ptr, const char*, long)
     return giveBack(ptr, 0);
 }
 
-int ovFreeAligned(void* ptr, size_t alignment, const char*, long)
-{
-    return giveBack(ptr, alignment);
-}
+int ovFreeAligned(void* ptr, size_t alignment, const char*, long) { return giveBack(ptr, alignment); }
 
 char* ovStrDup(const char* pStr, const char* fname, long line)
 {

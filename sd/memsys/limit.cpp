@@ -16,10 +16,7 @@ void raiseUsedMarks()
     raiseMarks(ovMemThreadHeap.MaxTotalUsedMarkMemory, ovMemThreadHeap.MaxTotalUsedMemory, totalUsed());
 }
 
-bool beyondLimit()
-{
-    return ovMemThreadHeap.MemoryLimit != 0 && totalUsed() > ovMemThreadHeap.MemoryLimit;
-}
+bool beyondLimit() { return ovMemThreadHeap.MemoryLimit != 0 && totalUsed() > ovMemThreadHeap.MemoryLimit; }
 
 void noteWarning()
 {

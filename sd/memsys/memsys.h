@@ -14,6 +14,8 @@
 
 #include <kemsd/memory.h>
 
+#include <cstdio>
+
 #include "sd/base/spinlock.h"
 #include "sd/base/thread.h"
 
@@ -81,6 +83,13 @@ private:
     OV_SPINLOCK_T& lock_;
 };
 
+// ---- Configuration
+
+constexpr OV_LONG_T kConfiguredSlots = 16; // what a configuration file that says nothing else gives
+
+// Reads an open configuration file to its end into the record; complains on standard output about what it cannot use.
+void readConfiguration(FILE* file);
+
 // ---- Slots
 
 constexpr OV_LONG_T kNoSlot = 4095;              // ThreadHeapId of a heap in the pool or being switched
@@ -104,10 +113,10 @@ extern Slots slots;
 
 // Whether requests take the road through the heaps. They do only when start-up has built everything, so that what
 // start-up itself allocates takes the road for thread heaps off. NumThreadHeaps says what the interface promises.
-inline bool heapsOn()
-{
-    return loadRelaxed(slots.count) != 0;
-}
+inline bool heapsOn() { return loadRelaxed(slots.count) != 0; }
+
+// Links a heap at the tail of the pool's circle. Under 6002, or at start-up.
+void addToPool(OV_MemHeap_T* heap);
 
 // Opens the slots (start-up's last step) or closes them (termination, or a start-up that leaves them off).
 void openSlots();
@@ -120,14 +129,8 @@ constexpr OV_ULONGLONG_T kExternalHeader = sizeof(OV_MemAllocExtBlock_T);
 
 // ---- Accounting
 
-inline bool memoryControl()
-{
-    return loadRelaxed(ovMemThreadHeap.MemoryControl);
-}
-inline bool bucketControl()
-{
-    return loadRelaxed(ovMemThreadHeap.MemoryBlocksControl);
-}
+inline bool memoryControl() { return loadRelaxed(ovMemThreadHeap.MemoryControl); }
+inline bool bucketControl() { return loadRelaxed(ovMemThreadHeap.MemoryBlocksControl); }
 
 // Bytes of both kinds. Under 6001 for the limit's test; elsewhere a snapshot for a message.
 inline OV_ULONGLONG_T totalUsed()
@@ -136,10 +139,7 @@ inline OV_ULONGLONG_T totalUsed()
 }
 
 // The total above which a warning is due: 90 % of the limit, the division first.
-inline OV_ULONGLONG_T warningLevel()
-{
-    return ovMemThreadHeap.MemoryLimit / 100 * 90;
-}
+inline OV_ULONGLONG_T warningLevel() { return ovMemThreadHeap.MemoryLimit / 100 * 90; }
 
 // Raises the mark since the last reset to `now`, and the mark since start only when the first was raised. Under 6001.
 inline void raiseMarks(volatile OV_ULONGLONG_T& sinceReset, volatile OV_ULONGLONG_T& sinceStart, OV_ULONGLONG_T now)
@@ -153,8 +153,11 @@ inline void raiseMarks(volatile OV_ULONGLONG_T& sinceReset, volatile OV_ULONGLON
 void countAllocation(OV_ULONGLONG_T bytes);
 void countRelease(OV_ULONGLONG_T bytes);
 
-// The out-of-memory report with the bytes that were wanted.
-void reportExhausted(OV_ULONG_T bytes);
+// Sets the four bucket tables to 0.
+void clearBuckets();
+
+// Reports that so many bytes could not be had, when memory is accounted: what ovMemSendErrorMessage does, in bytes.
+void reportShortage(OV_ULONG_T wantedBytes);
 
 // Reports a pending warning after a successful request.
 inline void reportPendingWarning(size_t bytes)

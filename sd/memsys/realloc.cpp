@@ -108,6 +108,6 @@ int ovRealloc(void* UniqueAddress, size_t size, void* pvfOldBuf, void** ppvfNewB
         return 0;
     }
     if (!on) noteShortage(size);
-    if (sd::loadRelaxed(ovMemThreadHeap.fNetLocalMessage)) reportExhausted(static_cast<OV_ULONG_T>(size));
+    if (sd::loadRelaxed(ovMemThreadHeap.fNetLocalMessage)) reportShortage(static_cast<OV_ULONG_T>(size));
     return SDSTS_NO_MEMORY;
 }

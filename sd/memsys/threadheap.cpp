@@ -78,15 +78,9 @@ void openSlots()
     storeRelaxed(slots.count, count);
 }
 
-void closeSlots()
-{
-    storeRelaxed(slots.count, 0);
-}
+void closeSlots() { storeRelaxed(slots.count, 0); }
 
-bool buildingHeap()
-{
-    return building;
-}
+bool buildingHeap() { return building; }
 
 namespace {
 
@@ -94,18 +88,6 @@ using memheap::allocate;
 using memheap::canServe;
 
 // ---- The pool's circle, under 6002
-
-void insertAtTail(OV_MemHeap_T*& first, OV_MemHeap_T* heap)
-{
-    if (!first) {
-        first = heap->next = heap->prev = heap;
-        return;
-    }
-    heap->next = first;
-    heap->prev = first->prev;
-    first->prev->next = heap;
-    first->prev = heap;
-}
 
 // `heap` takes the place of `old`; the pool continues behind it.
 void replaceInPool(OV_MemHeap_T*& first, OV_MemHeap_T* old, OV_MemHeap_T* heap)
@@ -123,10 +105,7 @@ void replaceInPool(OV_MemHeap_T*& first, OV_MemHeap_T* old, OV_MemHeap_T* heap)
 
 // ---- A slot and its heap
 
-void yield()
-{
-    KemSdThreadYield(nullptr);
-}
+void yield() { KemSdThreadYield(nullptr); }
 
 // Looks at a slot until it is not being switched and its heap has served or cannot. Null with `heap` set: that heap
 // cannot serve; null without one: the slot has none.
@@ -182,7 +161,7 @@ OV_MemHeap_T* obtainHeap(OV_LONG_T id, OV_MemHeap_T* full)
     if (!heap) return nullptr;
     storeRelaxed(heap->ThreadHeapId, kNoSlot);
     storeRelaxed(ovMemThreadHeap.HeapCopy[id], heap);
-    insertAtTail(ovMemThreadHeap.MemHeapPool.MemHeap, full);
+    addToPool(full);
     storeRelaxed(ovMemThreadHeap.NumHeaps, ovMemThreadHeap.NumHeaps - 1);
     return heap;
 }
@@ -326,10 +305,7 @@ bool liesInLongTermHeap(const void* block)
 
 } // namespace
 
-bool isFromHeaps(void* block)
-{
-    return liesInLongTermHeap(block) || markerOf(block) == kExternalMarker;
-}
+bool isFromHeaps(void* block) { return liesInLongTermHeap(block) || markerOf(block) == kExternalMarker; }
 
 } // namespace sd::memsys
 

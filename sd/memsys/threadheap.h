@@ -52,10 +52,7 @@ inline uintptr_t markerOf(const void* block)
     return isPoisoned(word, sizeof *word) ? uintptr_t{1} : *word;
 }
 
-inline OV_MemAllocExtBlock_T* externalHeader(void* block)
-{
-    return static_cast<OV_MemAllocExtBlock_T*>(block) - 1;
-}
+inline OV_MemAllocExtBlock_T* externalHeader(void* block) { return static_cast<OV_MemAllocExtBlock_T*>(block) - 1; }
 
 // A short-term external block off the list that its marker names, and onto a list (behind its head).
 void unlinkShortTerm(OV_MemAllocExtBlock_T* header);
@@ -139,9 +136,6 @@ constexpr bool isSystemMarker(uintptr_t marker)
 // A block released or resized while the heaps are off, although they once were on: one of theirs?
 bool isFromHeaps(void* block);
 
-inline bool mayBeFromHeaps(void* block)
-{
-    return loadRelaxed(heapsHaveStood) && isFromHeaps(block);
-}
+inline bool mayBeFromHeaps(void* block) { return loadRelaxed(heapsHaveStood) && isFromHeaps(block); }
 
 } // namespace sd::memsys

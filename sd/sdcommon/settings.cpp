@@ -46,93 +46,48 @@ constinit Hook<KEM_UKRFUNC_T> threadAttach;
 constinit Hook<KEM_UKRFUNC_T> threadDetach;
 constinit Hook<KEM_HMSTATFUNC_T> lockStatistics;
 
-constexpr KEM_BIT32_T bitAt(KEM_ULONG_T position)
-{
-    return KEM_BIT32_T{1} << (position % 32);
-}
+constexpr KEM_BIT32_T bitAt(KEM_ULONG_T position) { return KEM_BIT32_T{1} << (position % 32); }
 static_assert(bitAt(33) == 2);
 
 } // namespace
 
-void KemSdSetMemoryManager(KEM_BOOL_T setMemoryManager)
-{
-    storeRelaxed(bSdSetMemoryManager, setMemoryManager);
-}
+void KemSdSetMemoryManager(KEM_BOOL_T setMemoryManager) { storeRelaxed(bSdSetMemoryManager, setMemoryManager); }
 
 void KemSdSetMemDeallocOption(void)
 {
     if (sd::memoryManagerOn()) storeRelaxed(bTurnOffMemDealloc, TRUE);
 }
 
-void KemSdSetMmapAllocCfg(KEM_BOOL_T bDisableMmapCfg)
-{
-    storeRelaxed(gbDisableMmap, bDisableMmapCfg);
-}
+void KemSdSetMmapAllocCfg(KEM_BOOL_T bDisableMmapCfg) { storeRelaxed(gbDisableMmap, bDisableMmapCfg); }
 
-void KemSdSetMemProtectCfg(KEM_BOOL_T bMemProtect)
-{
-    storeRelaxed(gbMemProtect, bMemProtect);
-}
+void KemSdSetMemProtectCfg(KEM_BOOL_T bMemProtect) { storeRelaxed(gbMemProtect, bMemProtect); }
 
-void KemSdSetFailoverModeFlag(KEM_BOOL_T bIsFailoverMode)
-{
-    storeRelaxed(bFailoverMode, bIsFailoverMode);
-}
+void KemSdSetFailoverModeFlag(KEM_BOOL_T bIsFailoverMode) { storeRelaxed(bFailoverMode, bIsFailoverMode); }
 
-KEM_BOOL_T KemSdIsFailoverMode(void)
-{
-    return loadRelaxed(bFailoverMode);
-}
+KEM_BOOL_T KemSdIsFailoverMode(void) { return loadRelaxed(bFailoverMode); }
 
-void KemSdSetFileLockingMode(KEM_File_Locking_Mode mode)
-{
-    storeRelaxed(file_locking_mode, mode);
-}
+void KemSdSetFileLockingMode(KEM_File_Locking_Mode mode) { storeRelaxed(file_locking_mode, mode); }
 
-void KemSdSetAppFolderName(KEM_STR_T name)
-{
-    storeRelaxed(pszAppFolderName, name);
-}
+void KemSdSetAppFolderName(KEM_STR_T name) { storeRelaxed(pszAppFolderName, name); }
 
-KEM_STR_T KemSdAppFolderName(void)
-{
-    return loadRelaxed(pszAppFolderName);
-}
+KEM_STR_T KemSdAppFolderName(void) { return loadRelaxed(pszAppFolderName); }
 
-void KemSdSetLeaseGuardAccessFunction(KEM_LMFUNC_T pfGetLG)
-{
-    storeRelaxed(pfGetLeaseGuard, pfGetLG);
-}
+void KemSdSetLeaseGuardAccessFunction(KEM_LMFUNC_T pfGetLG) { storeRelaxed(pfGetLeaseGuard, pfGetLG); }
 
 void KemSdGetLeaseGuard(void)
 {
     if (const KEM_LMFUNC_T guard = loadRelaxed(pfGetLeaseGuard)) guard();
 }
 
-void KemSdSetUkrThreadAttachFunction(KEM_UKRFUNC_T pfThdAtt)
-{
-    threadAttach.registerFunction(pfThdAtt);
-}
+void KemSdSetUkrThreadAttachFunction(KEM_UKRFUNC_T pfThdAtt) { threadAttach.registerFunction(pfThdAtt); }
 
-void KemSdUkrThreadAttach(void* tctxp, KEM_BOOL_T bNewThread)
-{
-    threadAttach.call(tctxp, bNewThread);
-}
+void KemSdUkrThreadAttach(void* tctxp, KEM_BOOL_T bNewThread) { threadAttach.call(tctxp, bNewThread); }
 
-void KemSdSetUkrThreadDetachFunction(KEM_UKRFUNC_T pfThdDet)
-{
-    threadDetach.registerFunction(pfThdDet);
-}
+void KemSdSetUkrThreadDetachFunction(KEM_UKRFUNC_T pfThdDet) { threadDetach.registerFunction(pfThdDet); }
 
-void KemSdUkrThreadDetach(void* tctxp, KEM_BOOL_T bNewThread)
-{
-    threadDetach.call(tctxp, bNewThread);
-}
+void KemSdUkrThreadDetach(void* tctxp, KEM_BOOL_T bNewThread) { threadDetach.call(tctxp, bNewThread); }
 
-void KemSdSetHMStatisticsFunction(KEM_HMSTATFUNC_T pfHMStats)
-{
-    lockStatistics.registerFunction(pfHMStats);
-}
+void KemSdSetHMStatisticsFunction(KEM_HMSTATFUNC_T pfHMStats) { lockStatistics.registerFunction(pfHMStats); }
 
 void KemSdUpdateHMStatistics(KEM_TIME_T* WriteMonitorWaitTimes, KEM_TIME_T* ReadMonitorWaitTimes,
                              KEM_USHORT_T usNumberThreads)
@@ -140,17 +95,11 @@ void KemSdUpdateHMStatistics(KEM_TIME_T* WriteMonitorWaitTimes, KEM_TIME_T* Read
     lockStatistics.call(WriteMonitorWaitTimes, ReadMonitorWaitTimes, usNumberThreads);
 }
 
-KEM_ULONG_T KemSdBitCountGet(KEM_BIT32_T bt32)
-{
-    return std::popcount(bt32);
-}
+KEM_ULONG_T KemSdBitCountGet(KEM_BIT32_T bt32) { return std::popcount(bt32); }
 
 void KemSdBitPosSet(KEM_ULONG_T ulBitPos, KEM_PBIT32_T pBt32)
 {
     if (pBt32) *pBt32 |= bitAt(ulBitPos);
 }
 
-KEM_BOOL_T KemSdBitPosIsSet(KEM_ULONG_T ulBitPos, KEM_BIT32_T bt32)
-{
-    return (bt32 & bitAt(ulBitPos)) != 0;
-}
+KEM_BOOL_T KemSdBitPosIsSet(KEM_ULONG_T ulBitPos, KEM_BIT32_T bt32) { return (bt32 & bitAt(ulBitPos)) != 0; }

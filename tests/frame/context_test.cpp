@@ -21,10 +21,7 @@ TEST(Context, InitClearsEveryField)
     EXPECT_EQ(KemSdTerm(context), 0);
 }
 
-TEST(Context, InitWithoutPlaceIsInvalid)
-{
-    EXPECT_EQ(KemSdInit(nullptr, 0), SDSTS_INVALID_PARAM);
-}
+TEST(Context, InitWithoutPlaceIsInvalid) { EXPECT_EQ(KemSdInit(nullptr, 0), SDSTS_INVALID_PARAM); }
 
 TEST(Context, InitWithoutMemoryReportsNoMemoryAndLeavesNothing)
 {
@@ -37,10 +34,7 @@ TEST(Context, InitWithoutMemoryReportsNoMemoryAndLeavesNothing)
     EXPECT_GE(runs, 1);
 }
 
-TEST(Context, TermWithoutContextIsInvalid)
-{
-    EXPECT_EQ(KemSdTerm(nullptr), SDSTS_INVALID_PARAM);
-}
+TEST(Context, TermWithoutContextIsInvalid) { EXPECT_EQ(KemSdTerm(nullptr), SDSTS_INVALID_PARAM); }
 
 TEST(Context, LastErrorIsReportedAsTextAndNumberAndStays)
 {

@@ -28,10 +28,7 @@ void statistics(KEM_TIME_T* write, KEM_TIME_T* read, KEM_USHORT_T count)
 }
 
 int guarded;
-void guard()
-{
-    ++guarded;
-}
+void guard() { ++guarded; }
 
 } // namespace
 

@@ -97,10 +97,7 @@ TEST_F(BinHeap, RequestsUpTo24BytesTakeA48ByteBlock)
     }
 }
 
-TEST_F(BinHeap, RequestOf25BytesTakesA56ByteBlock)
-{
-    EXPECT_EQ(blockOf(take(25))->size, 56u);
-}
+TEST_F(BinHeap, RequestOf25BytesTakesA56ByteBlock) { EXPECT_EQ(blockOf(take(25))->size, 56u); }
 
 TEST_F(BinHeap, HandedOutBlockNamesItsHeapAndHasNoMarker)
 {

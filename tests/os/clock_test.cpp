@@ -264,10 +264,7 @@ TEST_F(Clock, InterruptedSleepReportsTheRawResultAndIsNotResumed)
     EXPECT_EQ(calls(Call::nanosleep), 1);
 }
 
-TEST_F(Clock, SleepOfZeroReturns)
-{
-    EXPECT_THAT(reported(KemSdSleep, 0), Succeeds());
-}
+TEST_F(Clock, SleepOfZeroReturns) { EXPECT_THAT(reported(KemSdSleep, 0), Succeeds()); }
 
 TEST_F(Clock, TimeFromDosIsTheFormulasValue)
 {

@@ -45,10 +45,7 @@ std::atomic<long> requests{0};
 std::atomic<long> failingRequest{0};
 std::atomic<bool> requestFailed{false};
 
-Plan& plan(Call call)
-{
-    return plans[static_cast<size_t>(call)];
-}
+Plan& plan(Call call) { return plans[static_cast<size_t>(call)]; }
 
 bool isMemoryRequest(Call call)
 {
@@ -117,10 +114,7 @@ Failing::Failing(Call call, int error) : Failing(call, error, 0, false, 1, __LON
 
 Failing::Failing(Call call, int error, long result) : Failing(call, error, result, true, 1, __LONG_MAX__) {}
 
-Failing Failing::nth(Call call, long k, int error)
-{
-    return Failing(call, error, 0, false, k, k);
-}
+Failing Failing::nth(Call call, long k, int error) { return Failing(call, error, 0, false, k, k); }
 
 Failing::Failing(Call call, int error, long result, bool ownResult, long first, long last) : call_(call)
 {
@@ -134,40 +128,22 @@ Failing::Failing(Call call, int error, long result, bool ownResult, long first, 
     p.first = first;
 }
 
-Failing::~Failing()
-{
-    plan(call_).first = 0;
-}
+Failing::~Failing() { plan(call_).first = 0; }
 
-long Failing::hits() const
-{
-    return plan(call_).hits;
-}
+long Failing::hits() const { return plan(call_).hits; }
 
-long calls(Call call)
-{
-    return plan(call).seen;
-}
+long calls(Call call) { return plan(call).seen; }
 
 void resetCalls()
 {
     for (Plan& p : plans) p.seen = 0;
 }
 
-timespec lastSleep()
-{
-    return asked;
-}
+timespec lastSleep() { return asked; }
 
-long liveBlocks()
-{
-    return live;
-}
+long liveBlocks() { return live; }
 
-bool allocationFailed()
-{
-    return requestFailed;
-}
+bool allocationFailed() { return requestFailed; }
 
 long sweepAllocationFailures(const std::function<void(long k)>& scenario)
 {

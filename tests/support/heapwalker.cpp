@@ -141,9 +141,6 @@ private:
 
 } // namespace
 
-HeapWalk walkHeap(OV_MemHeap_T& heap)
-{
-    return Walker(heap).walk();
-}
+HeapWalk walkHeap(OV_MemHeap_T& heap) { return Walker(heap).walk(); }
 
 } // namespace kemsd::test

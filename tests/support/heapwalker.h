@@ -24,9 +24,6 @@ struct HeapWalk {
 HeapWalk walkHeap(OV_MemHeap_T& heap);
 
 // EXPECT_TRUE(heapIsSound(heap)) prints what is wrong and where.
-inline testing::AssertionResult heapIsSound(OV_MemHeap_T& heap)
-{
-    return walkHeap(heap).sound;
-}
+inline testing::AssertionResult heapIsSound(OV_MemHeap_T& heap) { return walkHeap(heap).sound; }
 
 } // namespace kemsd::test

@@ -37,10 +37,7 @@ Report reported(KEM_STS_T (*call)(KEM_PSDCTX_T, Parameters...), Arguments... arg
     return {result, context.sts, context.osRetCode};
 }
 
-MATCHER(Succeeds, "succeeds with error number 0")
-{
-    return arg.result == 0 && arg.sts == 0 && arg.osRetCode == 0;
-}
+MATCHER(Succeeds, "succeeds with error number 0") { return arg.result == 0 && arg.sts == 0 && arg.osRetCode == 0; }
 
 MATCHER_P(SucceedsWith, os, "succeeds with error number " + testing::PrintToString(os))
 {
@@ -54,10 +51,7 @@ MATCHER_P2(Fails, sts, os,
 }
 
 // Fails with error number 0.
-inline auto Fails(KEM_STS_T sts)
-{
-    return Fails(sts, 0);
-}
+inline auto Fails(KEM_STS_T sts) { return Fails(sts, 0); }
 
 // Returns this and leaves the context alone.
 MATCHER_P(ReturnsOnly, result, "returns " + testing::PrintToString(result) + " and leaves the context alone")
