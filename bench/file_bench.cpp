@@ -41,10 +41,7 @@ bool oursPread(unsigned block)
     return KemSdFilePRead(nullptr, file, buffer, static_cast<KEM_LONG_T>(block * kBytes), kBytes, &moved) == 0 &&
            moved == kBytes;
 }
-bool floorPread(unsigned block)
-{
-    return pread(file, buffer, kBytes, off_t{block} * kBytes) == kBytes;
-}
+bool floorPread(unsigned block) { return pread(file, buffer, kBytes, off_t{block} * kBytes) == kBytes; }
 bool oursPwrite(unsigned block)
 {
     KEM_UINT_T moved = 0;
@@ -53,28 +50,19 @@ bool oursPwrite(unsigned block)
                0 &&
            moved == kBytes;
 }
-bool floorPwrite(unsigned block)
-{
-    return pwrite(file, buffer, kBytes, off_t{block} * kBytes) == kBytes;
-}
+bool floorPwrite(unsigned block) { return pwrite(file, buffer, kBytes, off_t{block} * kBytes) == kBytes; }
 bool oursRead(unsigned)
 {
     KEM_INT_T moved = 0;
     return KemSdFileRead(nullptr, file, buffer, kBytes, &moved) == 0 && moved == static_cast<KEM_INT_T>(kBytes);
 }
-bool floorRead(unsigned)
-{
-    return read(file, buffer, kBytes) == kBytes;
-}
+bool floorRead(unsigned) { return read(file, buffer, kBytes) == kBytes; }
 bool oursWrite(unsigned)
 {
     KEM_INT_T moved = 0;
     return KemSdFileWrite(nullptr, file, buffer, kBytes, &moved) == 0 && moved == static_cast<KEM_INT_T>(kBytes);
 }
-bool floorWrite(unsigned)
-{
-    return write(file, buffer, kBytes) == kBytes;
-}
+bool floorWrite(unsigned) { return write(file, buffer, kBytes) == kBytes; }
 
 template <bool (*operation)(unsigned)>
 void blocks(benchmark::State& state)
@@ -94,18 +82,18 @@ void blocks(benchmark::State& state)
 }
 
 template <bool (*ours)(unsigned), bool (*floor)(unsigned)>
-void add(const std::string& load)
+void addLoad(const std::string& load)
 {
-    benchmark::RegisterBenchmark((load + '/' + kOurs).c_str(), blocks<ours>);
-    benchmark::RegisterBenchmark((load + '/' + kFloor).c_str(), blocks<floor>);
+    add(load, kOurs, blocks<ours>);
+    add(load, kFloor, blocks<floor>);
 }
 
 void addBenchmarks()
 {
-    add<oursPread, floorPread>("pread/8KiB");
-    add<oursPwrite, floorPwrite>("pwrite/8KiB");
-    add<oursRead, floorRead>("read/8KiB");
-    add<oursWrite, floorWrite>("write/8KiB");
+    addLoad<oursPread, floorPread>("pread/8KiB");
+    addLoad<oursPwrite, floorPwrite>("pwrite/8KiB");
+    addLoad<oursRead, floorRead>("read/8KiB");
+    addLoad<oursWrite, floorWrite>("write/8KiB");
 }
 
 } // namespace

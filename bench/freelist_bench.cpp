@@ -69,14 +69,12 @@ constexpr Size kSizes[] = {{"24B", 24},       {"64B", 64},         {"160B", 160}
 void addBenchmarks()
 {
     for (const Size& size : kSizes) {
-        const std::string load = "freelist/" + std::string(size.name) + '/';
+        const std::string load = "freelist/" + std::string(size.name);
         const size_t bytes = size.bytes;
-        benchmark::RegisterBenchmark((load + kOurs).c_str(), [bytes](benchmark::State& s) { pairs(s, Ours{}, bytes); });
-        benchmark::RegisterBenchmark((load + kFloor).c_str(),
-                                     [bytes](benchmark::State& s) { pairs(s, Floor{}, bytes); });
+        add(load, kOurs, [bytes](benchmark::State& state) { pairs(state, Ours{}, bytes); });
+        add(load, kFloor, [bytes](benchmark::State& state) { pairs(state, Floor{}, bytes); });
         for (const Allocator& a : allocators())
-            benchmark::RegisterBenchmark((load + a.name).c_str(),
-                                         [&a, bytes](benchmark::State& s) { pairs(s, Peer{a}, bytes); });
+            add(load, a.name, [&a, bytes](benchmark::State& state) { pairs(state, Peer{a}, bytes); });
     }
 }
 

@@ -158,32 +158,32 @@ void contended(benchmark::State& state)
 }
 
 template <class Lock>
-void add(const std::string& variant, const std::string& name)
+void addLock(const std::string& variant, const std::string& name)
 {
-    benchmark::RegisterBenchmark((variant + "/uncontended/" + name).c_str(), uncontended<Lock>);
-    benchmark::RegisterBenchmark((variant + "/2threads/" + name).c_str(), contended<Lock>)->Threads(2)->UseRealTime();
+    add(variant + "/uncontended", name, uncontended<Lock>);
+    add(variant + "/2threads", name, contended<Lock>)->Threads(2)->UseRealTime();
 }
 
 void addPeers(const std::string& variant)
 {
-    add<PthreadSpin>(variant, "pthread_spin");
-    add<PthreadMutex>(variant, "pthread_mutex");
-    add<StdMutex<std::mutex>>(variant, "std::mutex");
-    add<StdMutex<std::recursive_mutex>>(variant, "std::recursive_mutex");
+    addLock<PthreadSpin>(variant, "pthread_spin");
+    addLock<PthreadMutex>(variant, "pthread_mutex");
+    addLock<StdMutex<std::mutex>>(variant, "std::mutex");
+    addLock<StdMutex<std::recursive_mutex>>(variant, "std::recursive_mutex");
 #ifdef KEMSD_BENCH_CK
-    add<CkFas>(variant, "ck_fas");
-    add<CkTicket>(variant, "ck_ticket");
+    addLock<CkFas>(variant, "ck_fas");
+    addLock<CkTicket>(variant, "ck_ticket");
 #endif
 #ifdef KEMSD_BENCH_ABSL
-    add<AbslMutex>(variant, "absl::Mutex");
+    addLock<AbslMutex>(variant, "absl::Mutex");
 #endif
 }
 
 template <Variant variant>
 void addVariant(const std::string& name)
 {
-    add<Ours<variant>>(name, kOurs);
-    add<Floor<variant>>(name, kFloor);
+    addLock<Ours<variant>>(name, kOurs);
+    addLock<Floor<variant>>(name, kFloor);
     addPeers(name);
 }
 

@@ -55,10 +55,7 @@ struct Peer {
 };
 
 // Every block is written to, as a block that is asked for is.
-void touch(void* block)
-{
-    *static_cast<volatile uint64_t*>(block) = 1;
-}
+void touch(void* block) { *static_cast<volatile uint64_t*>(block) = 1; }
 
 bool outOfMemory(benchmark::State& state, const void* block)
 {
@@ -194,15 +191,14 @@ void twoPassages(benchmark::State& state)
 
 // Adds a load once for every contender. `body` takes the state and a contender.
 template <class Body>
-void add(const std::string& load, int threads, const Body& body)
+void addLoad(const std::string& load, int threads, bool waiting, const Body& body)
 {
     const auto addOne = [&](const std::string& name, auto contenderOf) {
-        benchmark::RegisterBenchmark((load + '/' + name).c_str(),
-                                     [body, contenderOf](benchmark::State& state) {
-                                         body(state, contenderOf(&contexts[static_cast<size_t>(state.thread_index())]));
-                                     })
-            ->Threads(threads)
-            ->UseRealTime();
+        auto* added = add(load, name, [body, contenderOf](benchmark::State& state) {
+            body(state, contenderOf(&contexts[static_cast<size_t>(state.thread_index())]));
+        });
+        added->Threads(threads);
+        if (waiting) added->UseRealTime();
     };
     addOne(kOurs, [](OV_THDCTX_T* owner) { return Ours{owner}; });
     addOne(kFloor, [](OV_THDCTX_T* owner) { return Floor{owner}; });
@@ -221,14 +217,14 @@ void addBenchmarks()
     for (const int threads : {1, kMostThreads}) {
         const std::string where = threads == 1 ? "/1thread" : "/2threads";
         for (const Size& size : kSizes)
-            add("pair/" + std::string(size.name) + where, threads,
-                [bytes = size.bytes](benchmark::State& state, const auto& c) { pairs(state, c, bytes); });
-        add("mix/16-1024B" + where, threads, [](benchmark::State& state, const auto& c) { mix(state, c); });
+            addLoad("pair/" + std::string(size.name) + where, threads, false,
+                    [bytes = size.bytes](benchmark::State& state, const auto& c) { pairs(state, c, bytes); });
+        addLoad("mix/16-1024B" + where, threads, false, [](benchmark::State& state, const auto& c) { mix(state, c); });
     }
     for (const Size& size : {kSizes[1], kSizes[3]})
-        add("handover/" + std::string(size.name) + "/2threads", kMostThreads,
-            [bytes = size.bytes](benchmark::State& state, const auto& c) { handOver(state, c, bytes); });
-    benchmark::RegisterBenchmark("two-lock-passages/floor", twoPassages)->UseRealTime();
+        addLoad("handover/" + std::string(size.name) + "/2threads", kMostThreads, true,
+                [bytes = size.bytes](benchmark::State& state, const auto& c) { handOver(state, c, bytes); });
+    add("two-lock-passages", kFloor, twoPassages);
 }
 
 } // namespace

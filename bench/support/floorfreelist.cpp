@@ -25,10 +25,7 @@ struct Lists {
 
 thread_local Lists* lists;
 
-inline OV_ALLOCMEMBLKHDR_T* headerOf(void* block)
-{
-    return static_cast<OV_ALLOCMEMBLKHDR_T*>(block) - 1;
-}
+inline OV_ALLOCMEMBLKHDR_T* headerOf(void* block) { return static_cast<OV_ALLOCMEMBLKHDR_T*>(block) - 1; }
 
 inline void writeHeader(char* block, unsigned index, uint16_t tag)
 {

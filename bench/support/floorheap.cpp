@@ -30,6 +30,8 @@ constexpr size_t kLargestClass = 2u << 20;
 
 // ---- The slot of a caller
 
+constexpr uint64_t kWindow = 10000; // requests between two primes
+
 struct Prime {
     uint64_t prime;
     uint64_t reciprocal; // 2^64 / prime, rounded up: exact for dividends below 2^53
@@ -62,6 +64,9 @@ struct alignas(64) Settings {
     uint32_t heapBytes;
     volatile OV_BOOL_T bucketControl;
     volatile MemoryMessage pendingMessage;
+    // The number of the first request of the present window, times 64, and the window's prime. One word, so that it is
+    // always whole; written once a window.
+    volatile uint64_t window;
 } settings;
 
 alignas(64) volatile uint64_t requests;
@@ -84,16 +89,24 @@ struct alignas(64) Record {
     uint64_t mostUsed, mostUsedMark, mostTotal, mostTotalMark;
 } record;
 
-inline KEM_THDID_T self()
+inline KEM_THDID_T self() { return reinterpret_cast<KEM_THDID_T>(__builtin_thread_pointer()); }
+
+[[gnu::noinline, gnu::cold]] uint64_t renewWindow(uint64_t count)
 {
-    return reinterpret_cast<KEM_THDID_T>(__builtin_thread_pointer());
+    const uint64_t number = count / kWindow;
+    const uint64_t window = number * kWindow << 6 | number % kPrimes.size();
+    setRelaxed(settings.window, window);
+    return window;
 }
 
 inline unsigned slotOf(const void* owner)
 {
     const uint64_t count = relaxed(requests);
     setRelaxed(requests, count + 1);
-    const uint64_t hash = remainder(reinterpret_cast<uintptr_t>(owner) >> 3, kPrimes[count / 10000 % kPrimes.size()]);
+    uint64_t window = relaxed(settings.window);
+    if (count - (window >> 6) >= kWindow) [[unlikely]]
+        window = renewWindow(count);
+    const uint64_t hash = remainder(reinterpret_cast<uintptr_t>(owner) >> 3, kPrimes[window & 63]);
     return static_cast<unsigned>(hash - (hash * settings.slotReciprocal >> 32) * settings.slots);
 }
 
@@ -105,10 +118,7 @@ constexpr uint32_t binIndex(uint32_t bytes)
     return bytes < 32768 ? bytes / 2048 + 15 : kLastBin;
 }
 
-inline Free* at(void* block, int64_t offset)
-{
-    return reinterpret_cast<Free*>(static_cast<char*>(block) + offset);
-}
+inline Free* at(void* block, int64_t offset) { return reinterpret_cast<Free*>(static_cast<char*>(block) + offset); }
 
 // False: neither a fast bin nor bin k or one above it holds a block. Read without the lock.
 inline bool mayServe(const OV_MemHeapHeader_T& h, uint32_t k)
@@ -327,10 +337,7 @@ Heap* makeHeap(OV_LONG_T id)
 
 // ---- A slot's heap
 
-inline KEM_SPINLOCK_XCHG_T& lockOf(Heap* heap)
-{
-    return heap->HeapHeader.SpinLock.pSpinlock->xchg;
-}
+inline KEM_SPINLOCK_XCHG_T& lockOf(Heap* heap) { return heap->HeapHeader.SpinLock.pSpinlock->xchg; }
 
 void poolAdd(Heap* heap)
 {

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
-#include <map>
+#include <regex>
 #include <string_view>
 #include <vector>
 
@@ -20,14 +20,20 @@ namespace {
 using Times = std::vector<double>;
 
 constexpr const char* kUsage =
-    "%s [--quick] [--json FILE] [options of Google Benchmark]\n"
+    "%s [--quick] [--rounds N] [--json FILE] [options of Google Benchmark]\n"
     "  --quick      few and short rounds: a look, not a measurement\n"
+    "  --rounds N   as many rounds (11)\n"
     "  --json FILE  write the table as JSON too\n"
-    "  --benchmark_filter=REGEX, --benchmark_list_tests, --benchmark_repetitions=N, ...\n";
+    "  --benchmark_filter=REGEX    only the benchmarks LOAD/CONTENDER that match\n"
+    "  --benchmark_list_tests, --benchmark_min_time=SECONDS, ...\n";
+
+constexpr const char* kFilter = "--benchmark_filter=";
 
 struct Options {
-    bool quick = false;
+    int rounds = 11;
     std::string json;
+    std::string filter;
+    bool listOnly = false;
     std::vector<std::string> forwarded; // for Google Benchmark, program name first
 };
 
@@ -38,40 +44,65 @@ double median(Times times)
     return times.size() % 2 ? times[half] : (times[half - 1] + times[half]) / 2;
 }
 
+struct Contender {
+    std::string name;
+    Times times; // one a round
+};
+
 struct Load {
     std::string name;
-    std::vector<std::pair<std::string, Times>> contenders; // in the order they were added
+    std::vector<Contender> contenders;
 
-    const Times* find(std::string_view contender) const
+    const Contender* find(std::string_view contender) const
     {
-        for (const auto& [name, times] : contenders)
-            if (name == contender) return &times;
+        for (const Contender& c : contenders)
+            if (c.name == contender && !c.times.empty()) return &c;
         return nullptr;
-    }
-    double medianOf(std::string_view contender) const
-    {
-        const Times* times = find(contender);
-        return times ? median(*times) : 0;
     }
 };
 
+std::vector<Load>& allLoads()
+{
+    static std::vector<Load> loads;
+    return loads;
+}
+
+// 0 when one of them did not run.
+double medianRatio(const Contender* over, const Contender* under)
+{
+    if (!over || !under) return 0;
+    Times ratios;
+    for (size_t i = 0; i < std::min(over->times.size(), under->times.size()); i++)
+        ratios.push_back(over->times[i] / under->times[i]);
+    return median(ratios);
+}
+
+const Contender* bestPeer(const Load& load, std::string_view only)
+{
+    const Contender* best = nullptr;
+    for (const Contender& c : load.contenders) {
+        if (c.name == kOurs || c.name == kFloor || c.times.empty()) continue;
+        if (!only.empty() && c.name != only) continue;
+        if (!best || median(c.times) < median(best->times)) best = &c;
+    }
+    return best;
+}
+
 // One line of the table. A ratio or a time of 0 stands for none.
 struct Row {
-    std::string load;
+    std::string load, peerName;
     double ours = 0, floor = 0, peer = 0;
-    std::string peerName;
+    double overFloor = 0, overPeer = 0;
     double floorLimit = 0, peerLimit = 0;
 
-    double overFloor() const { return floor > 0 ? ours / floor : 0; }
-    double overPeer() const { return peer > 0 ? ours / peer : 0; }
-    bool floorMissed() const { return floorLimit > 0 && overFloor() > floorLimit; }
-    bool peerMissed() const { return peerLimit > 0 && overPeer() > peerLimit; }
+    bool floorMissed() const { return floorLimit > 0 && overFloor > floorLimit; }
+    bool peerMissed() const { return peerLimit > 0 && overPeer > peerLimit; }
 
-    // A limit whose contender did not run says nothing, so it cannot be reached either.
+    // A limit whose contender did not run says nothing.
     bool judged() const
     {
-        return ours > 0 && (floorLimit > 0 || peerLimit > 0) && !(floorLimit > 0 && floor == 0) &&
-               !(peerLimit > 0 && peer == 0);
+        return (floorLimit > 0 || peerLimit > 0) && (floorLimit == 0 || overFloor > 0) &&
+               (peerLimit == 0 || overPeer > 0);
     }
     const char* reached() const
     {
@@ -83,30 +114,30 @@ struct Row {
 
 Row rowOf(const Load& load)
 {
+    const Target target = targetOf(load.name);
+    const Contender* ours = load.find(kOurs);
+    const Contender* floor = load.find(kFloor);
+    const Contender* peer = bestPeer(load, target.peerName);
     Row row;
     row.load = load.name;
-    row.ours = load.medianOf(kOurs);
-    row.floor = load.medianOf(kFloor);
-    const Target* target = targetOf(load.name);
-    if (target) {
-        row.floorLimit = target->floor;
-        row.peerLimit = target->peer;
-    }
-    for (const auto& [name, times] : load.contenders) {
-        if (name == kOurs || name == kFloor) continue;
-        if (target && !target->peerName.empty() && name != target->peerName) continue;
-        const double time = median(times);
-        if (row.peer == 0 || time < row.peer) {
-            row.peer = time;
-            row.peerName = name;
-        }
+    row.floorLimit = target.floor;
+    row.peerLimit = target.peer;
+    row.overFloor = medianRatio(ours, floor);
+    row.overPeer = medianRatio(ours, peer);
+    if (ours) row.ours = median(ours->times);
+    if (floor) row.floor = median(floor->times);
+    if (peer) {
+        row.peer = median(peer->times);
+        row.peerName = peer->name;
     }
     return row;
 }
 
-// Gathers every repetition's time; says on the way what could not run.
-class Gatherer : public benchmark::BenchmarkReporter {
+// Takes the times of one load's round; says on the way what could not run.
+class RoundReporter : public benchmark::BenchmarkReporter {
 public:
+    explicit RoundReporter(Load& load) : load_(load) {}
+
     bool ReportContext(const Context&) override { return true; }
 
     void ReportRuns(const std::vector<Run>& runs) override
@@ -123,31 +154,49 @@ public:
 
     bool failed() const { return failed_; }
 
-    // In the order the loads were added: reports come as the rounds end.
-    std::vector<Load> loads() const { return loads_; }
-
 private:
     void add(const Run& run)
     {
         const std::string& full = run.run_name.function_name;
-        const size_t slash = full.rfind('/');
-        Times& times = timesOf(full.substr(0, slash), full.substr(slash + 1));
-        // The time of an iteration counts all threads' iterations together.
-        times.push_back(run.GetAdjustedRealTime() * static_cast<double>(run.threads));
+        const std::string contender = full.substr(full.rfind('/') + 1);
+        for (Contender& c : load_.contenders)
+            if (c.name == contender) c.times.push_back(timeOf(run));
     }
 
-    Times& timesOf(const std::string& load, const std::string& contender)
+    // The iterations of all threads count together: so does their processor time, but not the real time.
+    static double timeOf(const Run& run)
     {
-        auto place = std::find_if(loads_.begin(), loads_.end(), [&](const Load& l) { return l.name == load; });
-        if (place == loads_.end()) place = loads_.insert(loads_.end(), Load{load, {}});
-        for (auto& [name, times] : place->contenders)
-            if (name == contender) return times;
-        return place->contenders.emplace_back(contender, Times{}).second;
+        if (run.run_name.time_type.empty()) return run.GetAdjustedCPUTime();
+        return run.GetAdjustedRealTime() * static_cast<double>(run.threads);
     }
 
-    std::vector<Load> loads_;
+    Load& load_;
     bool failed_ = false;
 };
+
+// What matches all of a load's benchmarks that the user's filter leaves; empty for none.
+std::string patternOf(const Load& load, const std::regex& filter)
+{
+    std::string names;
+    for (const Contender& c : load.contenders)
+        if (std::regex_search(load.name + '/' + c.name, filter)) names += (names.empty() ? "" : "|") + c.name;
+    return names.empty() ? "" : '^' + load.name + "/(" + names + ")(/|$)";
+}
+
+bool runRounds(const Options& options)
+{
+    const std::regex filter(options.filter, std::regex::extended);
+    bool failed = false;
+    for (int round = 0; round < options.rounds; round++)
+        for (Load& load : allLoads()) {
+            const std::string pattern = patternOf(load, filter);
+            if (pattern.empty()) continue;
+            RoundReporter reporter(load);
+            benchmark::RunSpecifiedBenchmarks(&reporter, pattern);
+            failed = failed || reporter.failed();
+        }
+    return !failed;
+}
 
 std::string processor()
 {
@@ -179,10 +228,9 @@ void printTable(const std::vector<Row>& rows)
            "peer ns", "/peer", "limit", "reached");
     for (const Row& row : rows)
         printf("%-24s %9s %9s %8s %6s  %-20s %9s %8s %6s  %s\n", row.load.c_str(), number(row.ours).c_str(),
-               number(row.floor).c_str(), number(row.overFloor(), "%.3f").c_str(),
-               number(row.floorLimit, "%.2f").c_str(), row.peerName.empty() ? "-" : row.peerName.c_str(),
-               number(row.peer).c_str(), number(row.overPeer(), "%.3f").c_str(), number(row.peerLimit, "%.2f").c_str(),
-               row.reached());
+               number(row.floor).c_str(), number(row.overFloor, "%.3f").c_str(), number(row.floorLimit, "%.2f").c_str(),
+               row.peerName.empty() ? "-" : row.peerName.c_str(), number(row.peer).c_str(),
+               number(row.overPeer, "%.3f").c_str(), number(row.peerLimit, "%.2f").c_str(), row.reached());
     const auto judged = std::count_if(rows.begin(), rows.end(), [](const Row& row) { return row.judged(); });
     const auto reached = std::count_if(rows.begin(), rows.end(), [](const Row& row) {
         return row.judged() && !row.floorMissed() && !row.peerMissed();
@@ -195,9 +243,10 @@ void printEveryMedian(const std::vector<Load>& loads)
     printf("every median, ns (least .. most of the rounds):\n");
     for (const Load& load : loads) {
         printf("%-24s", load.name.c_str());
-        for (const auto& [name, times] : load.contenders) {
-            const auto [least, most] = std::minmax_element(times.begin(), times.end());
-            printf("  %s %.1f (%.1f .. %.1f)", name.c_str(), median(times), *least, *most);
+        for (const Contender& c : load.contenders) {
+            if (c.times.empty()) continue;
+            const auto [least, most] = std::minmax_element(c.times.begin(), c.times.end());
+            printf("  %s %.1f (%.1f .. %.1f)", c.name.c_str(), median(c.times), *least, *most);
         }
         printf("\n");
     }
@@ -214,25 +263,25 @@ std::string quoted(std::string_view text)
     return out + '"';
 }
 
-std::string numberOrNull(double value)
-{
-    return value == 0 ? "null" : number(value, "%.4f");
-}
+std::string numberOrNull(double value) { return value == 0 ? "null" : number(value, "%.4f"); }
 
 std::string jsonOf(const Row& row, const Load& load)
 {
     std::string out = "    {\"load\": " + quoted(row.load);
     out += ", \"ours_ns\": " + numberOrNull(row.ours) + ", \"floor_ns\": " + numberOrNull(row.floor);
-    out += ", \"ours_over_floor\": " + numberOrNull(row.overFloor());
+    out += ", \"ours_over_floor\": " + numberOrNull(row.overFloor);
     out += ", \"floor_limit\": " + numberOrNull(row.floorLimit);
     out += ", \"peer\": " + (row.peerName.empty() ? "null" : quoted(row.peerName));
-    out += ", \"peer_ns\": " + numberOrNull(row.peer) + ", \"ours_over_peer\": " + numberOrNull(row.overPeer());
+    out += ", \"peer_ns\": " + numberOrNull(row.peer) + ", \"ours_over_peer\": " + numberOrNull(row.overPeer);
     out += ", \"peer_limit\": " + numberOrNull(row.peerLimit) + ", \"reached\": " + quoted(row.reached());
     out += ",\n     \"rounds_ns\": {";
-    for (const auto& [name, times] : load.contenders) {
-        out += (&name == &load.contenders.front().first ? "" : ", ") + quoted(name) + ": [";
-        for (const double& time : times) out += (&time == &times.front() ? "" : ", ") + number(time, "%.2f");
+    const char* separator = "";
+    for (const Contender& c : load.contenders) {
+        if (c.times.empty()) continue;
+        out += separator + quoted(c.name) + ": [";
+        for (const double& time : c.times) out += (&time == &c.times.front() ? "" : ", ") + number(time, "%.2f");
         out += "]";
+        separator = ", ";
     }
     return out + "}}";
 }
@@ -251,43 +300,43 @@ bool writeJson(const std::string& file, const Program& program, const std::strin
     return bool(out);
 }
 
-void printHeading(const Program& program, const std::string& command)
+void printHeading(const Program& program, const std::string& command, int rounds)
 {
     double load[1] = {0};
     getloadavg(load, 1);
     printf("%s on %s, %ld processors, load %.2f at the start\n", program.name, processor().c_str(),
            sysconf(_SC_NPROCESSORS_ONLN), load[0]);
-    printf("%s\ncommand: %s\n", program.setting.c_str(), command.c_str());
+    printf("%s\ncommand: %s, %d rounds\n\n", program.setting.c_str(), command.c_str(), rounds);
     fflush(stdout);
-}
-
-// Our defaults stand before the caller's options, so that the caller's win.
-void addDefaults(Options& options)
-{
-    const std::vector<std::string> defaults{"--benchmark_enable_random_interleaving=true",
-                                            options.quick ? "--benchmark_repetitions=3" : "--benchmark_repetitions=11",
-                                            options.quick ? "--benchmark_min_time=0.005" : "--benchmark_min_time=0.03"};
-    options.forwarded.insert(options.forwarded.begin() + 1, defaults.begin(), defaults.end());
 }
 
 Options parse(int argc, char** argv)
 {
     Options options;
-    options.forwarded = {argv[0]};
+    std::vector<std::string> rest;
+    // The order of the contenders changes from round to round.
+    options.forwarded = {argv[0], "--benchmark_enable_random_interleaving=true", "--benchmark_min_time=0.02"};
     for (int i = 1; i < argc; i++) {
         const std::string_view argument = argv[i];
         if (argument == "-h" || argument == "--help") {
             printf(kUsage, argv[0]);
             exit(0);
         } else if (argument == "--quick") {
-            options.quick = true;
+            options.rounds = 3;
+            options.forwarded.emplace_back("--benchmark_min_time=0.005");
+        } else if (argument == "--rounds" && i + 1 < argc) {
+            options.rounds = std::max(1, atoi(argv[++i]));
         } else if (argument == "--json" && i + 1 < argc) {
             options.json = argv[++i];
+        } else if (argument.starts_with(kFilter)) {
+            options.filter = argument.substr(strlen(kFilter));
         } else {
-            options.forwarded.emplace_back(argument);
+            options.listOnly = options.listOnly || argument.starts_with("--benchmark_list_tests");
+            rest.emplace_back(argument);
         }
     }
-    addDefaults(options);
+    // The caller's come last and win.
+    options.forwarded.insert(options.forwarded.end(), rest.begin(), rest.end());
     return options;
 }
 
@@ -301,33 +350,51 @@ bool hand(std::vector<std::string>& arguments)
     return !benchmark::ReportUnrecognizedArguments(count, pointers.data());
 }
 
-bool listsOnly(const Options& options)
+bool isRegex(const std::string& text)
 {
-    return std::any_of(options.forwarded.begin(), options.forwarded.end(),
-                       [](const std::string& o) { return o.starts_with("--benchmark_list_tests"); });
+    try {
+        std::regex(text, std::regex::extended);
+        return true;
+    } catch (const std::regex_error& error) {
+        fprintf(stderr, "%s%s: %s\n", kFilter, text.c_str(), error.what());
+        return false;
+    }
 }
 
 } // namespace
+
+void note(const std::string& load, const std::string& contender)
+{
+    std::vector<Load>& loads = allLoads();
+    auto place = std::find_if(loads.begin(), loads.end(), [&](const Load& l) { return l.name == load; });
+    if (place == loads.end()) place = loads.insert(loads.end(), Load{load, {}});
+    place->contenders.push_back({contender, {}});
+}
 
 int run(int argc, char** argv, const Program& program)
 {
     Options options = parse(argc, argv);
     const std::string command = commandLine(argc, argv);
-    if (!hand(options.forwarded)) return 2;
+    if (!isRegex(options.filter) || !hand(options.forwarded)) return 2;
     program.addBenchmarks();
-    if (!listsOnly(options)) printHeading(program, command);
-    Gatherer gatherer;
-    benchmark::RunSpecifiedBenchmarks(&gatherer);
-    const std::vector<Load> loads = gatherer.loads();
-    if (loads.empty()) return gatherer.failed();
+    if (options.listOnly) {
+        benchmark::RunSpecifiedBenchmarks();
+        return 0;
+    }
+    printHeading(program, command, options.rounds);
+    const bool everythingRan = runRounds(options);
 
+    std::vector<Load> loads = allLoads();
+    std::erase_if(loads, [](const Load& load) {
+        return std::all_of(load.contenders.begin(), load.contenders.end(),
+                           [](const Contender& c) { return c.times.empty(); });
+    });
     std::vector<Row> rows;
     for (const Load& load : loads) rows.push_back(rowOf(load));
-    printf("\n");
     printTable(rows);
     printEveryMedian(loads);
     const bool written = options.json.empty() || writeJson(options.json, program, command, rows, loads);
-    return gatherer.failed() || !written;
+    return everythingRan && written ? 0 : 1;
 }
 
 } // namespace kemsd::bench

@@ -56,11 +56,11 @@ inline constexpr Target kTargets[] = {
     {"write/8KiB", 1.05},
 };
 
-constexpr const Target* targetOf(std::string_view load)
+constexpr Target targetOf(std::string_view load)
 {
     for (const Target& target : kTargets)
-        if (target.load == load) return &target;
-    return nullptr;
+        if (target.load == load) return target;
+    return {load, 0};
 }
 
 } // namespace kemsd::bench
