@@ -3,7 +3,9 @@
 // follow the code as it moves.
 #pragma once
 
-#include <assert.h>
+// The C library's assertion failure; its own header declares it only where assertions are on.
+extern "C" [[noreturn]] void __assert_fail(const char* assertion, const char* file, unsigned line,
+                                           const char* function) noexcept(true);
 
 namespace sd {
 

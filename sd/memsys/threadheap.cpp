@@ -82,6 +82,19 @@ void closeSlots() { storeRelaxed(slots.count, 0); }
 
 bool buildingHeap() { return building; }
 
+void addToPool(OV_MemHeap_T* heap)
+{
+    OV_MemHeap_T*& first = ovMemThreadHeap.MemHeapPool.MemHeap;
+    if (!first) {
+        first = heap->next = heap->prev = heap;
+        return;
+    }
+    heap->next = first;
+    heap->prev = first->prev;
+    first->prev->next = heap;
+    first->prev = heap;
+}
+
 namespace {
 
 using memheap::allocate;

@@ -33,7 +33,9 @@ public:
         ASSERT_GE(from, reinterpret_cast<char*>(&heap_.HeapBuffer));
         ASSERT_LE(from + bytes, heap_.HeapHeader.HeapEnd);
         const auto next = live_.lower_bound(from);
-        if (next != live_.end()) ASSERT_LE(from + bytes, next->first) << "overlaps the block behind";
+        if (next != live_.end()) {
+            ASSERT_LE(from + bytes, next->first) << "overlaps the block behind";
+        }
         if (next != live_.begin()) {
             const auto previous = std::prev(next);
             ASSERT_LE(previous->first + previous->second.bytes, from) << "overlaps the block before";
