@@ -28,19 +28,17 @@ enum class Variant { exchange, ticket };
 
 template <Variant variant>
 struct Ours {
-    static inline KEM_SPINLOCK_T* lock;
+    alignas(64) static inline KEM_SPINLOCK_T lock;
     KEM_THDID_T self = pthread_self();
 
     static void prepare()
     {
-        alignas(64) static KEM_SPINLOCK_T storage;
         // No other lock of the library exists in this program, so the variant may change between benchmarks.
         KemSdSetHardwareAcceleration(variant == Variant::ticket);
-        KemSdSpinlockInit(nullptr, &storage);
-        lock = &storage;
+        KemSdSpinlockInit(nullptr, &lock);
     }
-    void acquire() const { KemSdSpinlockAcquire(lock, self); }
-    void release() const { KemSdSpinlockRelease(lock); }
+    void acquire() const { KemSdSpinlockAcquire(&lock, self); }
+    void release() const { KemSdSpinlockRelease(&lock); }
 };
 
 template <Variant variant>
@@ -50,23 +48,12 @@ struct Floor {
 
     static void prepare()
     {
+        floorTicketLocks = variant == Variant::ticket;
         lock = {};
         if (variant == Variant::exchange) lock.xchg.slock = 1;
     }
-    void acquire() const
-    {
-        if constexpr (variant == Variant::ticket)
-            floorTicketAcquire(&lock, self);
-        else
-            floorExchangeAcquire(&lock, self);
-    }
-    void release() const
-    {
-        if constexpr (variant == Variant::ticket)
-            floorTicketRelease(&lock);
-        else
-            floorExchangeRelease(&lock);
-    }
+    void acquire() const { floorSpinlockAcquire(&lock, self); }
+    void release() const { floorSpinlockRelease(&lock); }
 };
 
 struct PthreadSpin {

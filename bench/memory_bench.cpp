@@ -8,7 +8,6 @@
 #include <memory>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/allocators.h"
@@ -42,9 +41,9 @@ struct Floor {
     void* take(size_t bytes) const
     {
         void* block;
-        return floorAllocate(owner, bytes, &block) == 0 ? block : nullptr;
+        return floorHeapAllocate(owner, bytes, &block) == 0 ? block : nullptr;
     }
-    void give(void* block) const { floorRelease(block); }
+    void give(void* block) const { floorHeapRelease(block); }
 };
 
 struct Peer {
@@ -150,7 +149,8 @@ private:
         size_t seen = 0;
     };
 
-    // The other thread may have lost its processor.
+    // Waiting is work of the thread that waits, so a slow partner costs both. But a partner without a processor is
+    // none.
     static void wait(int& spins)
     {
         if (++spins < 1000)
@@ -191,14 +191,12 @@ void twoPassages(benchmark::State& state)
 
 // Adds a load once for every contender. `body` takes the state and a contender.
 template <class Body>
-void addLoad(const std::string& load, int threads, bool waiting, const Body& body)
+void addLoad(const std::string& load, int threads, const Body& body)
 {
     const auto addOne = [&](const std::string& name, auto contenderOf) {
-        auto* added = add(load, name, [body, contenderOf](benchmark::State& state) {
+        add(load, name, [body, contenderOf](benchmark::State& state) {
             body(state, contenderOf(&contexts[static_cast<size_t>(state.thread_index())]));
-        });
-        added->Threads(threads);
-        if (waiting) added->UseRealTime();
+        })->Threads(threads);
     };
     addOne(kOurs, [](OV_THDCTX_T* owner) { return Ours{owner}; });
     addOne(kFloor, [](OV_THDCTX_T* owner) { return Floor{owner}; });
@@ -217,12 +215,12 @@ void addBenchmarks()
     for (const int threads : {1, kMostThreads}) {
         const std::string where = threads == 1 ? "/1thread" : "/2threads";
         for (const Size& size : kSizes)
-            addLoad("pair/" + std::string(size.name) + where, threads, false,
+            addLoad("pair/" + std::string(size.name) + where, threads,
                     [bytes = size.bytes](benchmark::State& state, const auto& c) { pairs(state, c, bytes); });
-        addLoad("mix/16-1024B" + where, threads, false, [](benchmark::State& state, const auto& c) { mix(state, c); });
+        addLoad("mix/16-1024B" + where, threads, [](benchmark::State& state, const auto& c) { mix(state, c); });
     }
     for (const Size& size : {kSizes[1], kSizes[3]})
-        addLoad("handover/" + std::string(size.name) + "/2threads", kMostThreads, true,
+        addLoad("handover/" + std::string(size.name) + "/2threads", kMostThreads,
                 [bytes = size.bytes](benchmark::State& state, const auto& c) { handOver(state, c, bytes); });
     add("two-lock-passages", kFloor, twoPassages);
 }
@@ -234,9 +232,8 @@ int main(int argc, char** argv)
 {
     using namespace kemsd::bench;
     makeRoomForAllocators(argv);
-    // A server has threads: what the C library saves in a process with a single one would flatter it.
-    std::thread([] {}).join();
+    settleSystemAllocator();
     startThreadHeaps();
     if (!floorHeapsStart(kSlots, kHeapBytes, kLargestHeapBlock)) return 1;
-    return run(argc, argv, {"memory", kMemorySetting, addBenchmarks});
+    return run(argc, argv, {"memory", std::string(kMemorySetting) + "; " + kSystemSetting, addBenchmarks});
 }

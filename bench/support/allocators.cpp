@@ -1,10 +1,12 @@
 #include "support/allocators.h"
 
 #include <dlfcn.h>
+#include <malloc.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <thread>
 
 namespace kemsd::bench {
 namespace {
@@ -61,6 +63,13 @@ void makeRoomForAllocators(char** argv)
     setenv("TCMALLOC_SKIP_SBRK", "1", 1);
     execv("/proc/self/exe", argv);
     perror("cannot start again");
+}
+
+void settleSystemAllocator()
+{
+    std::thread([] {}).join();
+    mallopt(M_MMAP_THRESHOLD, 32 << 20);
+    mallopt(M_TRIM_THRESHOLD, 512 << 20);
 }
 
 const std::vector<Allocator>& allocators()

@@ -17,6 +17,12 @@ struct Allocator {
 // them at the program's start; where it was not, this starts the program again with that room.
 void makeRoomForAllocators(char** argv);
 
+// Puts the C library's allocator, which ours, the floor and the peer of that name all stand on, in one settled state: a
+// process with threads (a single one would flatter it), large blocks kept rather than returned to the system at one
+// release and fetched again at the next, which comes and goes with the history of its arenas.
+void settleSystemAllocator();
+inline constexpr const char* kSystemSetting = "glibc keeps what it has (no trimming, no mmap up to 32 MiB)";
+
 // The C library's and every installed one.
 const std::vector<Allocator>& allocators();
 

@@ -62,6 +62,7 @@ struct alignas(64) Settings {
     uint64_t slots;
     uint64_t slotReciprocal; // 2^32 / slots, rounded up
     uint32_t heapBytes;
+    volatile OV_BOOL_T releaseNothing;
     volatile OV_BOOL_T bucketControl;
     volatile MemoryMessage pendingMessage;
     // The number of the first request of the present window, times 64, and the window's prime. One word, so that it is
@@ -337,7 +338,7 @@ Heap* makeHeap(OV_LONG_T id)
 
 // ---- A slot's heap
 
-inline KEM_SPINLOCK_XCHG_T& lockOf(Heap* heap) { return heap->HeapHeader.SpinLock.pSpinlock->xchg; }
+inline KEM_SPINLOCK_T& lockOf(Heap* heap) { return *heap->HeapHeader.SpinLock.pSpinlock; }
 
 void poolAdd(Heap* heap)
 {
@@ -366,9 +367,9 @@ void poolReplace(Heap* out, Heap* in)
 
 void* allocateLocked(Heap* heap, uint32_t request)
 {
-    floorAcquireExchange(lockOf(heap), self());
+    floorAcquire(lockOf(heap), self());
     void* block = allocateIn(heap, request);
-    floorReleaseExchange(lockOf(heap));
+    floorRelease(lockOf(heap));
     return block;
 }
 
@@ -410,12 +411,12 @@ void* growIn(Heap* heap, unsigned id, uint32_t request)
 
 [[gnu::noinline, gnu::cold]] void* changeHeap(Heap* heap, unsigned id, uint32_t request, uint32_t k)
 {
-    floorAcquireExchange(pool.lock->xchg, self());
+    floorAcquire(*pool.lock, self());
     // Another thread may have changed the slot while this one waited: then its new heap may serve.
     void* block = slots.heap[id] != heap ? allocateLocked(slots.heap[id], request) : nullptr;
     if (!block) block = swapIn(slots.heap[id], id, request, k);
     if (!block) block = growIn(slots.heap[id], id, request);
-    floorReleaseExchange(pool.lock->xchg);
+    floorRelease(*pool.lock);
     for (unsigned j = 0; !block && j < settings.slots; j++)
         if (j != id && mayServe(slots.heap[j]->HeapHeader, k)) block = allocateLocked(slots.heap[j], request);
     return block;
@@ -454,14 +455,14 @@ inline void raise(uint64_t& mark, uint64_t& most, uint64_t now)
     const size_t whole = bytes + kExternal;
     auto* external = static_cast<OV_MemAllocExtBlock_T*>(systemAllocate(whole));
     if (!external) return 1;
-    floorAcquireExchange(record.lock->xchg, self());
+    floorAcquire(*record.lock, self());
     record.used += whole;
     const uint64_t total = record.used + record.usedAligned;
     const bool over = record.limit != 0 && total > record.limit;
     if (over) record.used -= whole;
     raise(record.mostUsedMark, record.mostUsed, record.used);
     raise(record.mostTotalMark, record.mostTotal, record.used + record.usedAligned);
-    floorReleaseExchange(record.lock->xchg);
+    floorRelease(*record.lock);
     if (over) {
         systemRelease(external);
         return 1;
@@ -475,9 +476,9 @@ inline void raise(uint64_t& mark, uint64_t& most, uint64_t now)
 {
     auto* external = static_cast<OV_MemAllocExtBlock_T*>(block) - 1;
     if (external->marker != reinterpret_cast<void*>(static_cast<uintptr_t>(-9))) abort();
-    floorAcquireExchange(record.lock->xchg, self());
+    floorAcquire(*record.lock, self());
     record.used -= external->size + kExternal;
-    floorReleaseExchange(record.lock->xchg);
+    floorRelease(*record.lock);
     systemRelease(external);
     return 0;
 }
@@ -507,8 +508,10 @@ bool floorHeapsStart(unsigned slotCount, unsigned heapBytes, unsigned largestHea
     return pool.lock && record.lock;
 }
 
-int floorAllocate(void* owner, size_t bytes, void** block)
+int floorHeapAllocate(void* owner, size_t bytes, void** block)
 {
+    if (settings.slots == 0) [[unlikely]]
+        return 1;
     if (bytes - 1 >= settings.largestHeapBlock) [[unlikely]]
         return bytes == 0 ? 1 : allocateExternal(bytes, block);
     const unsigned id = slotOf(owner);
@@ -522,14 +525,14 @@ int floorAllocate(void* owner, size_t bytes, void** block)
         }
         void* got = nullptr;
         if (mayServe(heap->HeapHeader, k)) {
-            KEM_SPINLOCK_XCHG_T& lock = lockOf(heap);
-            floorAcquireExchange(lock, self());
+            KEM_SPINLOCK_T& lock = lockOf(heap);
+            floorAcquire(lock, self());
             if (relaxed(heap->ThreadHeapId) != static_cast<OV_LONG_T>(id)) [[unlikely]] {
-                floorReleaseExchange(lock);
+                floorRelease(lock);
                 continue;
             }
             got = allocateIn(heap, request);
-            floorReleaseExchange(lock);
+            floorRelease(lock);
         }
         if (!got) [[unlikely]] {
             got = changeHeap(heap, id, request, k);
@@ -542,8 +545,10 @@ int floorAllocate(void* owner, size_t bytes, void** block)
     }
 }
 
-int floorRelease(void* block)
+int floorHeapRelease(void* block)
 {
+    if (relaxed(settings.releaseNothing) || !block || settings.slots == 0) [[unlikely]]
+        return 1;
     Used* used = static_cast<Used*>(block) - 1;
     if (used->marker) [[unlikely]]
         return releaseExternal(block);
@@ -554,19 +559,19 @@ int floorRelease(void* block)
         releaseIn(heap, used);
         return 0;
     }
-    KEM_SPINLOCK_XCHG_T& lock = lockOf(heap);
-    floorAcquireExchange(lock, self());
+    KEM_SPINLOCK_T& lock = lockOf(heap);
+    floorAcquire(lock, self());
     releaseIn(heap, used);
-    floorReleaseExchange(lock);
+    floorRelease(lock);
     return 0;
 }
 
 void floorTwoPassages(void*)
 {
-    KEM_SPINLOCK_XCHG_T& lock = lockOf(slots.heap[0]);
+    KEM_SPINLOCK_T& lock = lockOf(slots.heap[0]);
     for (int i = 0; i < 2; i++) {
-        floorAcquireExchange(lock, self());
-        floorReleaseExchange(lock);
+        floorAcquire(lock, self());
+        floorRelease(lock);
     }
 }
 

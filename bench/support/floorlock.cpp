@@ -2,9 +2,10 @@
 
 namespace kemsd::bench {
 
-void floorExchangeAcquire(KEM_SPINLOCK_T* lock, KEM_THDID_T id) { floorAcquireExchange(lock->xchg, id); }
-void floorExchangeRelease(KEM_SPINLOCK_T* lock) { floorReleaseExchange(lock->xchg); }
-void floorTicketAcquire(KEM_SPINLOCK_T* lock, KEM_THDID_T id) { floorAcquireTicket(lock->ticket, id); }
-void floorTicketRelease(KEM_SPINLOCK_T* lock) { floorReleaseTicket(lock->ticket); }
+alignas(64) OV_BOOL_T floorTicketLocks = FALSE;
+
+void floorSpinlockAcquire(KEM_SPINLOCK_T* lock, KEM_THDID_T id) { floorAcquire(*lock, id); }
+
+void floorSpinlockRelease(KEM_SPINLOCK_T* lock) { floorRelease(*lock); }
 
 } // namespace kemsd::bench

@@ -1,5 +1,5 @@
-// The spinlock's floor: both variants' locked operations with release stores, the waiting rules included, and nothing
-// else. No variant switch is read: each caller knows its variant.
+// The spinlock's floor: the variant read at every call, its locked operations with release stores, the waiting rules,
+// and nothing else.
 #pragma once
 
 #include <kemsd/sync.h>
@@ -10,6 +10,9 @@
 namespace kemsd::bench {
 
 inline constexpr int kFloorSpins = 20000;
+
+// TRUE selects the ticket variant. On a line that nobody writes while locks are used.
+extern OV_BOOL_T floorTicketLocks;
 
 template <class T>
 inline T relaxed(const volatile T& word)
@@ -95,10 +98,24 @@ inline void floorReleaseTicket(KEM_SPINLOCK_TICKET_T& lock)
     __atomic_store_n(&lock.grant, lock.lOwnerTicket + 1, __ATOMIC_RELEASE);
 }
 
+inline void floorAcquire(KEM_SPINLOCK_T& lock, KEM_THDID_T id)
+{
+    if (relaxed(floorTicketLocks))
+        floorAcquireTicket(lock.ticket, id);
+    else
+        floorAcquireExchange(lock.xchg, id);
+}
+
+inline void floorRelease(KEM_SPINLOCK_T& lock)
+{
+    if (relaxed(floorTicketLocks))
+        floorReleaseTicket(lock.ticket);
+    else
+        floorReleaseExchange(lock.xchg);
+}
+
 // The same as functions that are called, as every lock of a library is; by a direct call.
-void floorExchangeAcquire(KEM_SPINLOCK_T* lock, KEM_THDID_T id);
-void floorExchangeRelease(KEM_SPINLOCK_T* lock);
-void floorTicketAcquire(KEM_SPINLOCK_T* lock, KEM_THDID_T id);
-void floorTicketRelease(KEM_SPINLOCK_T* lock);
+void floorSpinlockAcquire(KEM_SPINLOCK_T* lock, KEM_THDID_T id);
+void floorSpinlockRelease(KEM_SPINLOCK_T* lock);
 
 } // namespace kemsd::bench
