@@ -48,12 +48,38 @@ struct Floor {
 
     static void prepare()
     {
-        floorTicketLocks = variant == Variant::ticket;
+        floorUseTicketLocks(variant == Variant::ticket);
         lock = {};
         if (variant == Variant::exchange) lock.xchg.slock = 1;
     }
     void acquire() const { floorSpinlockAcquire(&lock, self); }
     void release() const { floorSpinlockRelease(&lock); }
+};
+
+template <Variant variant>
+struct InlinedFloor {
+    alignas(64) static inline KEM_SPINLOCK_T lock;
+    KEM_THDID_T self = pthread_self();
+
+    static void prepare()
+    {
+        lock = {};
+        if (variant == Variant::exchange) lock.xchg.slock = 1;
+    }
+    void acquire() const
+    {
+        if constexpr (variant == Variant::ticket)
+            floorAcquireTicket(lock.ticket, self);
+        else
+            floorAcquireExchange(lock.xchg, self);
+    }
+    void release() const
+    {
+        if constexpr (variant == Variant::ticket)
+            floorReleaseTicket(lock.ticket);
+        else
+            floorReleaseExchange(lock.xchg);
+    }
 };
 
 struct PthreadSpin {
@@ -171,6 +197,7 @@ void addVariant(const std::string& name)
 {
     addLock<Ours<variant>>(name, kOurs);
     addLock<Floor<variant>>(name, kFloor);
+    addLock<InlinedFloor<variant>>(name, kInlinedFloor);
     addPeers(name);
 }
 

@@ -23,7 +23,8 @@ struct Lists {
     size_t held;
 };
 
-thread_local Lists* lists;
+// The quickest road to a word of the thread; a library that may be loaded late has to take a longer one.
+__thread Lists* lists __attribute__((tls_model("initial-exec")));
 
 inline OV_ALLOCMEMBLKHDR_T* headerOf(void* block) { return static_cast<OV_ALLOCMEMBLKHDR_T*>(block) - 1; }
 

@@ -11,8 +11,8 @@ namespace kemsd::bench {
 
 inline constexpr int kFloorSpins = 20000;
 
-// TRUE selects the ticket variant. On a line that nobody writes while locks are used.
-extern OV_BOOL_T floorTicketLocks;
+// TRUE selects the ticket variant. Hidden, and on a line that nobody writes while locks are used.
+extern OV_BOOL_T floorTicketLocks __attribute__((visibility("hidden")));
 
 template <class T>
 inline T relaxed(const volatile T& word)
@@ -25,21 +25,28 @@ inline void setRelaxed(volatile T& word, V value)
     __atomic_store_n(&word, static_cast<T>(value), __ATOMIC_RELAXED);
 }
 
-[[gnu::noinline, gnu::cold]] inline void floorWaitExchange(KEM_SPINLOCK_XCHG_T& lock)
+// Swaps the lock word's lowest byte with 0; true when the lock was free and is ours.
+inline bool floorTakeByte(KEM_SPINLOCK_XCHG_T& lock)
+{
+    auto* byte = reinterpret_cast<volatile signed char*>(&lock.slock);
+    return __atomic_exchange_n(byte, static_cast<signed char>(0), __ATOMIC_ACQUIRE) > 0;
+}
+
+// A lost race yields at once, a held lock after so many spins.
+[[gnu::noinline, gnu::cold]] inline void floorWaitExchange(KEM_SPINLOCK_XCHG_T& lock, bool raceLost)
 {
     for (int count = 0;;) {
-        if (relaxed(lock.slock) != 0) {
-            auto* byte = reinterpret_cast<volatile signed char*>(&lock.slock);
-            if (__atomic_exchange_n(byte, static_cast<signed char>(0), __ATOMIC_ACQUIRE) > 0) return;
-            sched_yield();
-            count = 0;
-        } else if (count >= kFloorSpins) {
+        if (raceLost || count >= kFloorSpins) {
             sched_yield();
             count = 0;
         } else {
             __builtin_ia32_pause();
             count++;
         }
+        raceLost = false;
+        if (relaxed(lock.slock) == 0) continue;
+        if (floorTakeByte(lock)) return;
+        raceLost = true;
     }
 }
 
@@ -49,10 +56,10 @@ inline void floorAcquireExchange(KEM_SPINLOCK_XCHG_T& lock, KEM_THDID_T id)
         lock.sLockCount++;
         return;
     }
-    auto* byte = reinterpret_cast<volatile signed char*>(&lock.slock);
-    if (relaxed(lock.slock) == 0 || __atomic_exchange_n(byte, static_cast<signed char>(0), __ATOMIC_ACQUIRE) <= 0)
-        [[unlikely]]
-        floorWaitExchange(lock);
+    if (relaxed(lock.slock) == 0) [[unlikely]]
+        floorWaitExchange(lock, false);
+    else if (!floorTakeByte(lock)) [[unlikely]]
+        floorWaitExchange(lock, true);
     setRelaxed(lock.thdMasterId, id);
     lock.sLockCount = 1;
 }
@@ -114,8 +121,9 @@ inline void floorRelease(KEM_SPINLOCK_T& lock)
         floorReleaseExchange(lock.xchg);
 }
 
-// The same as functions that are called, as every lock of a library is; by a direct call.
-void floorSpinlockAcquire(KEM_SPINLOCK_T* lock, KEM_THDID_T id);
-void floorSpinlockRelease(KEM_SPINLOCK_T* lock);
+// The same as functions of a shared library.
+KEM_API void floorUseTicketLocks(bool tickets);
+KEM_API void floorSpinlockAcquire(KEM_SPINLOCK_T* lock, KEM_THDID_T id);
+KEM_API void floorSpinlockRelease(KEM_SPINLOCK_T* lock);
 
 } // namespace kemsd::bench

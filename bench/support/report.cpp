@@ -81,7 +81,7 @@ const Contender* bestPeer(const Load& load, std::string_view only)
 {
     const Contender* best = nullptr;
     for (const Contender& c : load.contenders) {
-        if (c.name == kOurs || c.name == kFloor || c.times.empty()) continue;
+        if (c.name == kOurs || c.name == kFloor || c.name == kInlinedFloor || c.times.empty()) continue;
         if (!only.empty() && c.name != only) continue;
         if (!best || median(c.times) < median(best->times)) best = &c;
     }
