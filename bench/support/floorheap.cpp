@@ -282,11 +282,14 @@ inline void* carve(Heap* heap, Free* b, uint32_t need)
     return carve(heap, b, need);
 }
 
+// Whether a fast bin holds blocks of that capacity.
+inline bool isShort(uint32_t request) { return request / 8 - 1 < OV_MEM_FASTBINS; }
+
 inline void* allocateIn(Heap* heap, uint32_t request)
 {
     OV_MemHeapHeader_T& h = heap->HeapHeader;
     const uint32_t f = request / 8 - 1;
-    if (f < OV_MEM_FASTBINS) {
+    if (isShort(request)) {
         if (Used* block = h.FastBin[f]) {
             h.FastBin[f] = static_cast<Used*>(block->marker);
             setRelaxed(h.FastBinCount, h.FastBinCount - 1);
@@ -301,7 +304,7 @@ inline void releaseIn(Heap* heap, Used* block)
 {
     OV_MemHeapHeader_T& h = heap->HeapHeader;
     const uint32_t f = (block->size - kHeader) / 8 - 1;
-    if (f < OV_MEM_FASTBINS) {
+    if (isShort(block->size - kHeader)) {
         block->marker = h.FastBin[f];
         h.FastBin[f] = block;
         setRelaxed(h.FastBinCount, h.FastBinCount + 1);
@@ -483,6 +486,67 @@ inline void raise(uint64_t& mark, uint64_t& most, uint64_t now)
     return 0;
 }
 
+// ---- Behind the short way: each of these is the last thing that the short way does
+
+inline int deliver(void* got, void** block)
+{
+    *block = got;
+    // Neither ever happens here; what a request has to look at stays.
+    if (relaxed(settings.bucketControl) || relaxed(settings.pendingMessage) == memmsg_warning) [[unlikely]]
+        abort();
+    return 0;
+}
+
+// Every step, in the order of the algorithm. A lost race for a lock comes here and yields first.
+[[gnu::noinline]] int allocateGenerally(unsigned id, uint32_t request, void** block, bool raceLost)
+{
+    const uint32_t k = binIndex(request);
+    for (;; raceLost = true) {
+        if (raceLost) sched_yield();
+        Heap* heap = __atomic_load_n(&slots.heap[id], __ATOMIC_ACQUIRE);
+        if (heap != relaxed(slots.copy[id])) continue;
+        void* got = nullptr;
+        if (mayServe(heap->HeapHeader, k)) {
+            floorAcquire(lockOf(heap), self());
+            const bool serves = relaxed(heap->ThreadHeapId) == static_cast<OV_LONG_T>(id);
+            if (serves) got = allocateIn(heap, request);
+            floorRelease(lockOf(heap));
+            if (!serves) continue;
+        }
+        if (!got) got = changeHeap(heap, id, request, k);
+        return got ? deliver(got, block) : allocateExternal(request, block);
+    }
+}
+
+// The heap is locked and its fast bin is empty, or the request has none.
+[[gnu::noinline]] int allocateFromLocked(Heap* heap, unsigned id, uint32_t request, void** block)
+{
+    void* got = allocateFromBins(heap, request);
+    floorReleaseExchange(lockOf(heap).xchg);
+    return got ? deliver(got, block) : allocateGenerally(id, request, block, false);
+}
+
+[[gnu::noinline]] int releaseGenerally(Heap* heap, Used* used, bool raceLost)
+{
+    if (relaxed(settings.bucketControl)) abort();
+    if (relaxed(heap->ThreadHeapId) == kShortTermHeap) {
+        releaseIn(heap, used);
+        return 0;
+    }
+    if (raceLost) sched_yield();
+    floorAcquire(lockOf(heap), self());
+    releaseIn(heap, used);
+    floorRelease(lockOf(heap));
+    return 0;
+}
+
+[[gnu::noinline]] int releaseToLocked(Heap* heap, Used* used)
+{
+    linkBlock(heap->HeapHeader, reinterpret_cast<Free*>(used));
+    floorReleaseExchange(lockOf(heap).xchg);
+    return 0;
+}
+
 } // namespace
 
 bool floorHeapsStart(unsigned slotCount, unsigned heapBytes, unsigned largestHeapBlock)
@@ -508,41 +572,36 @@ bool floorHeapsStart(unsigned slotCount, unsigned heapBytes, unsigned largestHea
     return pool.lock && record.lock;
 }
 
+// The short way has no call but the last one, so it needs no frame.
 int floorHeapAllocate(void* owner, size_t bytes, void** block)
 {
-    if (settings.slots == 0) [[unlikely]]
-        return 1;
     if (bytes - 1 >= settings.largestHeapBlock) [[unlikely]]
-        return bytes == 0 ? 1 : allocateExternal(bytes, block);
+        return bytes == 0 || settings.slots == 0 ? 1 : allocateExternal(bytes, block);
     const unsigned id = slotOf(owner);
     const uint32_t request = bytes < 24 ? 24 : (static_cast<uint32_t>(bytes) + 7) & ~7u;
-    const uint32_t k = binIndex(request);
-    for (;;) {
-        Heap* heap = __atomic_load_n(&slots.heap[id], __ATOMIC_ACQUIRE);
-        if (heap != relaxed(slots.copy[id])) [[unlikely]] {
-            sched_yield();
-            continue;
-        }
-        void* got = nullptr;
-        if (mayServe(heap->HeapHeader, k)) {
-            KEM_SPINLOCK_T& lock = lockOf(heap);
-            floorAcquire(lock, self());
-            if (relaxed(heap->ThreadHeapId) != static_cast<OV_LONG_T>(id)) [[unlikely]] {
-                floorRelease(lock);
-                continue;
-            }
-            got = allocateIn(heap, request);
-            floorRelease(lock);
-        }
-        if (!got) [[unlikely]] {
-            got = changeHeap(heap, id, request, k);
-            if (!got) return allocateExternal(bytes, block);
-        }
-        *block = got;
-        if (relaxed(settings.bucketControl) || relaxed(settings.pendingMessage) == memmsg_warning) [[unlikely]]
-            abort();
-        return 0;
+    Heap* heap = __atomic_load_n(&slots.heap[id], __ATOMIC_ACQUIRE);
+    OV_MemHeapHeader_T& h = heap->HeapHeader;
+    if (heap != relaxed(slots.copy[id]) || !mayServe(h, binIndex(request)) || relaxed(floorTicketLocks)) [[unlikely]]
+        return allocateGenerally(id, request, block, false);
+
+    KEM_SPINLOCK_XCHG_T& lock = lockOf(heap).xchg;
+    const KEM_THDID_T me = self();
+    if (relaxed(lock.thdMasterId) == me) [[unlikely]]
+        return allocateGenerally(id, request, block, false);
+    const FloorTry first = floorTryExchange(lock, me);
+    if (first != FloorTry::taken) [[unlikely]]
+        return allocateGenerally(id, request, block, first == FloorTry::raceLost);
+    if (relaxed(heap->ThreadHeapId) != static_cast<OV_LONG_T>(id)) [[unlikely]] {
+        floorReleaseExchange(lock);
+        return allocateGenerally(id, request, block, false);
     }
+    Used* got = isShort(request) ? h.FastBin[request / 8 - 1] : nullptr;
+    if (!got) return allocateFromLocked(heap, id, request, block);
+    h.FastBin[request / 8 - 1] = static_cast<Used*>(got->marker);
+    setRelaxed(h.FastBinCount, h.FastBinCount - 1);
+    got->marker = nullptr;
+    floorReleaseExchange(lock);
+    return deliver(got + 1, block);
 }
 
 int floorHeapRelease(void* block)
@@ -552,17 +611,25 @@ int floorHeapRelease(void* block)
     Used* used = static_cast<Used*>(block) - 1;
     if (used->marker) [[unlikely]]
         return releaseExternal(block);
-    if (relaxed(settings.bucketControl)) [[unlikely]]
-        abort();
     Heap* heap = used->MemHeap;
-    if (relaxed(heap->ThreadHeapId) == kShortTermHeap) [[unlikely]] {
-        releaseIn(heap, used);
-        return 0;
-    }
-    KEM_SPINLOCK_T& lock = lockOf(heap);
-    floorAcquire(lock, self());
-    releaseIn(heap, used);
-    floorRelease(lock);
+    if (relaxed(settings.bucketControl) || relaxed(heap->ThreadHeapId) == kShortTermHeap || relaxed(floorTicketLocks))
+        [[unlikely]]
+        return releaseGenerally(heap, used, false);
+
+    KEM_SPINLOCK_XCHG_T& lock = lockOf(heap).xchg;
+    const KEM_THDID_T me = self();
+    if (relaxed(lock.thdMasterId) == me) [[unlikely]]
+        return releaseGenerally(heap, used, false);
+    const FloorTry first = floorTryExchange(lock, me);
+    if (first != FloorTry::taken) [[unlikely]]
+        return releaseGenerally(heap, used, first == FloorTry::raceLost);
+    if (!isShort(used->size - kHeader)) return releaseToLocked(heap, used);
+    OV_MemHeapHeader_T& h = heap->HeapHeader;
+    const uint32_t f = (used->size - kHeader) / 8 - 1;
+    used->marker = h.FastBin[f];
+    h.FastBin[f] = used;
+    setRelaxed(h.FastBinCount, h.FastBinCount + 1);
+    floorReleaseExchange(lock);
     return 0;
 }
 

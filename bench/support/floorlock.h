@@ -32,8 +32,14 @@ inline bool floorTakeByte(KEM_SPINLOCK_XCHG_T& lock)
     return __atomic_exchange_n(byte, static_cast<signed char>(0), __ATOMIC_ACQUIRE) > 0;
 }
 
+inline void floorOwnExchange(KEM_SPINLOCK_XCHG_T& lock, KEM_THDID_T id)
+{
+    setRelaxed(lock.thdMasterId, id);
+    lock.sLockCount = 1;
+}
+
 // A lost race yields at once, a held lock after so many spins.
-[[gnu::noinline, gnu::cold]] inline void floorWaitExchange(KEM_SPINLOCK_XCHG_T& lock, bool raceLost)
+[[gnu::noinline, gnu::cold]] inline void floorWaitExchange(KEM_SPINLOCK_XCHG_T& lock, KEM_THDID_T id, bool raceLost)
 {
     for (int count = 0;;) {
         if (raceLost || count >= kFloorSpins) {
@@ -45,9 +51,22 @@ inline bool floorTakeByte(KEM_SPINLOCK_XCHG_T& lock)
         }
         raceLost = false;
         if (relaxed(lock.slock) == 0) continue;
-        if (floorTakeByte(lock)) return;
+        if (floorTakeByte(lock)) return floorOwnExchange(lock, id);
         raceLost = true;
     }
+}
+
+enum class FloorTry { taken, held, raceLost };
+
+// The common case without a call: a free lock that is not ours already.
+inline FloorTry floorTryExchange(KEM_SPINLOCK_XCHG_T& lock, KEM_THDID_T id)
+{
+    if (relaxed(lock.slock) == 0) [[unlikely]]
+        return FloorTry::held;
+    if (!floorTakeByte(lock)) [[unlikely]]
+        return FloorTry::raceLost;
+    floorOwnExchange(lock, id);
+    return FloorTry::taken;
 }
 
 inline void floorAcquireExchange(KEM_SPINLOCK_XCHG_T& lock, KEM_THDID_T id)
@@ -56,12 +75,9 @@ inline void floorAcquireExchange(KEM_SPINLOCK_XCHG_T& lock, KEM_THDID_T id)
         lock.sLockCount++;
         return;
     }
-    if (relaxed(lock.slock) == 0) [[unlikely]]
-        floorWaitExchange(lock, false);
-    else if (!floorTakeByte(lock)) [[unlikely]]
-        floorWaitExchange(lock, true);
-    setRelaxed(lock.thdMasterId, id);
-    lock.sLockCount = 1;
+    const FloorTry first = floorTryExchange(lock, id);
+    if (first != FloorTry::taken) [[unlikely]]
+        floorWaitExchange(lock, id, first == FloorTry::raceLost);
 }
 
 inline void floorReleaseExchange(KEM_SPINLOCK_XCHG_T& lock)
@@ -72,11 +88,19 @@ inline void floorReleaseExchange(KEM_SPINLOCK_XCHG_T& lock)
     __atomic_store_n(&lock.slock, 1, __ATOMIC_RELEASE);
 }
 
-[[gnu::noinline, gnu::cold]] inline void floorWaitTicket(KEM_SPINLOCK_TICKET_T& lock, KEM_SDATOMIC_T ticket)
+inline void floorOwnTicket(KEM_SPINLOCK_TICKET_T& lock, KEM_SDATOMIC_T ticket, KEM_THDID_T id)
+{
+    setRelaxed(lock.thdMasterId, id);
+    lock.sLockCount = 1;
+    lock.lOwnerTicket = ticket;
+}
+
+[[gnu::noinline, gnu::cold]] inline void floorWaitTicket(KEM_SPINLOCK_TICKET_T& lock, KEM_SDATOMIC_T ticket,
+                                                         KEM_THDID_T id)
 {
     for (int count = 0;;) {
         __builtin_ia32_pause();
-        if (__atomic_load_n(&lock.grant, __ATOMIC_ACQUIRE) == ticket) return;
+        if (__atomic_load_n(&lock.grant, __ATOMIC_ACQUIRE) == ticket) return floorOwnTicket(lock, ticket, id);
         if (++count < kFloorSpins) continue;
         sched_yield();
         count = 0;
@@ -91,10 +115,8 @@ inline void floorAcquireTicket(KEM_SPINLOCK_TICKET_T& lock, KEM_THDID_T id)
     }
     const KEM_SDATOMIC_T ticket = __atomic_fetch_add(&lock.lTicket, 1, __ATOMIC_RELAXED);
     if (__atomic_load_n(&lock.grant, __ATOMIC_ACQUIRE) != ticket) [[unlikely]]
-        floorWaitTicket(lock, ticket);
-    setRelaxed(lock.thdMasterId, id);
-    lock.sLockCount = 1;
-    lock.lOwnerTicket = ticket;
+        return floorWaitTicket(lock, ticket, id);
+    floorOwnTicket(lock, ticket, id);
 }
 
 inline void floorReleaseTicket(KEM_SPINLOCK_TICKET_T& lock)
