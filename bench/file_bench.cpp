@@ -1,0 +1,111 @@
+// File reads and writes of 8 KiB in the page cache. The floor is the system call, and so is the only peer.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <kemsd/file.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "support/report.h"
+
+namespace kemsd::bench {
+namespace {
+
+constexpr unsigned kBytes = 8192;
+constexpr unsigned kBlocks = 1024;
+
+int file = -1;
+alignas(4096) char buffer[kBytes];
+
+// In memory where the system offers it, with no name left behind.
+bool openFile()
+{
+    for (const char* place : {"/dev/shm/kemsd-bench-XXXXXX", "/tmp/kemsd-bench-XXXXXX"}) {
+        std::string path = place;
+        file = mkstemp(path.data());
+        if (file == -1) continue;
+        unlink(path.c_str());
+        return posix_fallocate(file, 0, off_t{kBytes} * kBlocks) == 0;
+    }
+    return false;
+}
+
+// Each operation moves one block at that place, or at the file's position, and tells whether it moved it whole.
+
+bool oursPread(unsigned block)
+{
+    KEM_UINT_T moved = 0;
+    return KemSdFilePRead(nullptr, file, buffer, static_cast<KEM_LONG_T>(block * kBytes), kBytes, &moved) == 0 &&
+           moved == kBytes;
+}
+bool floorPread(unsigned block) { return pread(file, buffer, kBytes, off_t{block} * kBytes) == kBytes; }
+bool oursPwrite(unsigned block)
+{
+    KEM_UINT_T moved = 0;
+    KEM_OSRETCODE_T error = 0;
+    return KemSdFilePWrite(nullptr, file, buffer, static_cast<KEM_LONG_T>(block * kBytes), kBytes, &moved, &error) ==
+               0 &&
+           moved == kBytes;
+}
+bool floorPwrite(unsigned block) { return pwrite(file, buffer, kBytes, off_t{block} * kBytes) == kBytes; }
+bool oursRead(unsigned)
+{
+    KEM_INT_T moved = 0;
+    return KemSdFileRead(nullptr, file, buffer, kBytes, &moved) == 0 && moved == static_cast<KEM_INT_T>(kBytes);
+}
+bool floorRead(unsigned) { return read(file, buffer, kBytes) == kBytes; }
+bool oursWrite(unsigned)
+{
+    KEM_INT_T moved = 0;
+    return KemSdFileWrite(nullptr, file, buffer, kBytes, &moved) == 0 && moved == static_cast<KEM_INT_T>(kBytes);
+}
+bool floorWrite(unsigned) { return write(file, buffer, kBytes) == kBytes; }
+
+template <bool (*operation)(unsigned)>
+void blocks(benchmark::State& state)
+{
+    unsigned block = 0;
+    lseek(file, 0, SEEK_SET);
+    for (auto _ : state) {
+        if (!operation(block)) {
+            state.SkipWithError("a block was not moved");
+            break;
+        }
+        if (++block == kBlocks) {
+            block = 0;
+            lseek(file, 0, SEEK_SET);
+        }
+    }
+}
+
+template <bool (*ours)(unsigned), bool (*floor)(unsigned)>
+void addLoad(const std::string& load)
+{
+    add(load, kOurs, blocks<ours>);
+    add(load, kFloor, blocks<floor>);
+}
+
+void addBenchmarks()
+{
+    addLoad<oursPread, floorPread>("pread/8KiB");
+    addLoad<oursPwrite, floorPwrite>("pwrite/8KiB");
+    addLoad<oursRead, floorRead>("read/8KiB");
+    addLoad<oursWrite, floorWrite>("write/8KiB");
+}
+
+} // namespace
+} // namespace kemsd::bench
+
+int main(int argc, char** argv)
+{
+    using namespace kemsd::bench;
+    if (!openFile()) {
+        perror("no file to work on");
+        return 1;
+    }
+    return run(argc, argv,
+               {"file", "a file of 8 MiB in memory, no context; the floor is the system call", addBenchmarks});
+}

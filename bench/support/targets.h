@@ -1,0 +1,66 @@
+// What we want to reach, for every load of every program. A load's name is that of its benchmarks without the last
+// part, which names the contender.
+#pragma once
+
+#include <string_view>
+
+namespace kemsd::bench {
+
+struct Target {
+    std::string_view load;
+    double floor;                   // at most this many times the hand-written floor; 0: no target
+    double peer = 0;                // at most this many times the peer; 0: no target
+    std::string_view peerName = {}; // empty: the best peer of the run
+};
+
+inline constexpr Target kTargets[] = {
+    // Thread heaps. The peers keep caches per thread and take no lock at all; a pair of ours takes two.
+    {"pair/24B/1thread", 1.15, 3.2},
+    {"pair/64B/1thread", 1.15, 3.2},
+    {"pair/160B/1thread", 1.15, 3.2},
+    {"pair/512B/1thread", 1.15},
+    {"pair/4KiB/1thread", 1.15},
+    {"pair/64KiB/1thread", 1.15},
+    {"pair/1MiB/1thread", 1.10, 1.8},
+    {"pair/24B/2threads", 1.25},
+    {"pair/64B/2threads", 1.25},
+    {"pair/160B/2threads", 1.25},
+    {"pair/512B/2threads", 1.25},
+    {"pair/4KiB/2threads", 1.25},
+    {"pair/64KiB/2threads", 1.25},
+    {"pair/1MiB/2threads", 1.25},
+    {"mix/16-1024B/1thread", 1.10},
+    {"mix/16-1024B/2threads", 1.25},
+    {"handover/64B/2threads", 1.25},
+    {"handover/512B/2threads", 1.25},
+
+    // Free lists of a thread.
+    {"freelist/24B", 1.25, 1.10},
+    {"freelist/64B", 1.25, 1.10},
+    {"freelist/160B", 1.25, 1.10},
+    {"freelist/512B", 1.25, 1.15},
+    {"freelist/4KiB", 1.25, 0.95},
+    {"freelist/64KiB", 1.25, 0.95},
+    {"freelist/1MiB", 1.25, 0.35},
+
+    // Spinlocks. std::recursive_mutex is the only peer that its owner may enter again.
+    {"exchange/uncontended", 1.10, 1.0, "std::recursive_mutex"},
+    {"ticket/uncontended", 1.10, 1.0, "std::recursive_mutex"},
+    {"exchange/2threads", 1.15, 1.10},
+    {"ticket/2threads", 1.15},
+
+    // Files: the floor is the system call itself.
+    {"pread/8KiB", 1.05},
+    {"pwrite/8KiB", 1.05},
+    {"read/8KiB", 1.05},
+    {"write/8KiB", 1.05},
+};
+
+constexpr Target targetOf(std::string_view load)
+{
+    for (const Target& target : kTargets)
+        if (target.load == load) return target;
+    return {load, 0};
+}
+
+} // namespace kemsd::bench
