@@ -52,7 +52,7 @@ void printSettings()
     OV_ULONGLONG_T settings[7] = {};
     ovMemGetMemorySettings(settings);
     const bool heaps = static_cast<int64_t>(settings[slots]) > 0;
-    Table table({"Settings in force", ""});
+    Table table({"Settings in force", "value"});
     addLine(table, "memory limit", settings[limit] ? bytesText(settings[limit]) : "none");
     addLine(table, "memory control", settings[control] ? "on" : "off");
     addLine(table, "thread heaps", heaps ? countText(settings[slots]) : "off");
