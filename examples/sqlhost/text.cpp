@@ -20,7 +20,7 @@ std::string text(const char* format, ...)
 std::string countText(uint64_t count)
 {
     std::string digits = std::to_string(count);
-    for (size_t at = digits.size(); at > 3;) digits.insert(at -= 3, ",");
+    for (size_t at = digits.size(); at > 3;) digits.insert(at -= 3, 1, ',');
     return digits;
 }
 
