@@ -160,58 +160,90 @@ typedef struct OV_MemHeapPool_T {
 #define OV_MEM_BUCKETS 16
 #define OV_MEM_ALIGNED_BUCKETS 131
 
-/* The memory manager's single record. */
+/* The memory manager's single record. It is the library's own: a server reads it through the calls below. How each
+ * field is protected stands beside the lock numbers in the library's memory manager. */
 typedef struct OV_MemThreadHeap_T {
     OV_ULONG_T HeapSize;                           /* bytes of a long-term heap's region, heap record included */
     OV_ULONG_T ShortHeapSize;                      /* bytes of a short-term heap's region */
-    OV_ULONG_T MaxAllocBlock;                      /* larger requests bypass the heaps; 0: no heaps */
-    OV_MemHeap_T* volatile Heap[OV_MEM_SLOTS];     /* the heap of each slot */
+    OV_ULONG_T MaxAllocBlock;                      /* bytes; larger requests bypass the heaps; 0: no heaps are built */
+    OV_MemHeap_T* volatile Heap[OV_MEM_SLOTS];     /* the heap of each slot; null: none, the system serves */
     OV_MemHeap_T* volatile HeapCopy[OV_MEM_SLOTS]; /* differs from Heap while a slot is being switched */
     OV_MemHeapPool_T MemHeapPool;                  /* spare long-term heaps */
     OV_MemHeapPool_T MemShortHeapPool;             /* spare short-term heaps */
     OV_LONG_T NumThreadHeaps;                      /* slots in use; > 0: thread heaps on; -1: terminated */
-    OV_LONG_T NumHeaps; /* heaps configured; after start-up, heaps that may still be created */
-    OV_LONG_T MaxNumHeaps;
-    OV_ULONGLONG_T MemoryLimit;                /* bytes; 0: none */
+    OV_LONG_T NumHeaps;                        /* heaps configured; after start-up, heaps that may still be created */
+    OV_LONG_T MaxNumHeaps;                     /* most heaps there may be, slots and pool included */
+    OV_ULONGLONG_T MemoryLimit;                /* bytes of heaps and aligned memory in all; 0: none */
     volatile OV_ULONGLONG_T malloc_count;      /* heap allocations; unlocked, a lost count is accepted */
-    volatile OV_ULONGLONG_T UsedMemory;        /* bytes in heap regions and blocks outside heaps */
+    volatile OV_ULONGLONG_T UsedMemory;        /* bytes in heap regions and blocks outside heaps, headers included */
     volatile OV_ULONGLONG_T UsedAlignedMemory; /* bytes of aligned and page memory */
-    volatile OV_ULONGLONG_T MaxUsedMemory;     /* high-water marks since start */
+    volatile OV_ULONGLONG_T MaxUsedMemory;     /* high-water marks since start, bytes */
     volatile OV_ULONGLONG_T MaxUsedAlignedMemory;
     volatile OV_ULONGLONG_T MaxTotalUsedMemory;
-    volatile OV_ULONGLONG_T MaxUsedMarkMemory; /* high-water marks since the last reset */
+    volatile OV_ULONGLONG_T MaxUsedMarkMemory; /* high-water marks since the last reset, bytes */
     volatile OV_ULONGLONG_T MaxUsedAlignedMarkMemory;
     volatile OV_ULONGLONG_T MaxTotalUsedMarkMemory;
     volatile OV_ULONG_T AllocBlocks[OV_MEM_BUCKETS]; /* allocations and releases by size bucket, since start */
     volatile OV_ULONG_T DeAllocBlocks[OV_MEM_BUCKETS];
     volatile OV_ULONG_T AllocBlocksMark[OV_MEM_BUCKETS]; /* the same, since the last reset */
     volatile OV_ULONG_T DeAllocBlocksMark[OV_MEM_BUCKETS];
-    OV_THDCTX_T* volatile tctxp; /* thread context used for messages */
-    volatile OV_LONG_T MaxShortMemoryPoolSize;
-    volatile OV_LONG_T LimitShortHeapsForRemove;
-    volatile OV_LONG_T NumShortNumHeapsInUsage;
+    OV_THDCTX_T* volatile tctxp;                 /* thread context used for messages; null: no messages */
+    volatile OV_LONG_T MaxShortMemoryPoolSize;   /* most spare short-term heaps kept */
+    volatile OV_LONG_T LimitShortHeapsForRemove; /* with none in use, a pool of more than these is emptied */
+    volatile OV_LONG_T NumShortNumHeapsInUsage;  /* short-term heaps handed out and not yet returned */
     OV_MemAlignedItem_T* MemoryControlAlignedArray[OV_MEM_ALIGNED_BUCKETS]; /* tracked aligned blocks */
-    OV_BOOL_T MemoryControl;       /* account used memory and enforce MemoryLimit */
-    OV_BOOL_T MemoryBlocksControl; /* count allocations by size bucket */
-    OV_BOOL_T ShortMemoryOn;       /* short-term heaps enabled */
-    KEM_PSDCTX_T pSdCtx;           /* the memory manager's own context */
-    OV_SPINLOCK_T SpinLock;        /* 6001: counters and limit */
-    OV_SPINLOCK_T SpinLockBlocks;  /* 6004: bucket counters */
-    OV_NETMESSAGE_T fNetLocalMessage;
-    volatile OV_ULONG_T next_message_malloc_count;
-    volatile OV_ULONG_T MemMessageUsedMemory; /* used bytes at the last limit event, low 32 bits */
-    volatile MemoryMessage LastMemMessage;
-    volatile MemoryMessage MemMessage;
-    OV_BYTE_T MallocInitValue; /* fill byte for new blocks */
-    OV_BYTE_T FreeInitValue;   /* fill byte for released blocks */
-    OV_BYTE_T ErrorExit;       /* 1: the configured limit was rejected */
+    OV_BOOL_T MemoryControl;                       /* account used memory and enforce MemoryLimit */
+    OV_BOOL_T MemoryBlocksControl;                 /* count allocations by size bucket */
+    OV_BOOL_T ShortMemoryOn;                       /* short-term heaps enabled */
+    KEM_PSDCTX_T pSdCtx;                           /* the memory manager's own context */
+    OV_SPINLOCK_T SpinLock;                        /* 6001: counters and limit */
+    OV_SPINLOCK_T SpinLockBlocks;                  /* 6004: bucket counters */
+    OV_NETMESSAGE_T fNetLocalMessage;              /* the message call-back; null: none */
+    volatile OV_ULONG_T next_message_malloc_count; /* malloc_count before which no further message is made */
+    volatile OV_ULONG_T MemMessageUsedMemory;      /* used bytes at the last limit event, low 32 bits */
+    volatile MemoryMessage LastMemMessage;         /* the last message made or suppressed */
+    volatile MemoryMessage MemMessage;             /* memmsg_warning: a warning is pending */
+    OV_BYTE_T MallocInitValue;                     /* fill byte for new blocks */
+    OV_BYTE_T FreeInitValue;                       /* fill byte for released blocks */
+    OV_BYTE_T ErrorExit;                           /* 1: the configured limit was rejected */
 } OV_MemThreadHeap_T;
 
-/* ---- Start-up --------------------------------------------------------------------------------------------------- */
+/* ---- Start-up ---------------------------------------------------------------------------------------------------
+ * The server starts the thread heaps once, before it starts other threads:
+ *
+ *     if (ovMemThreadHeapInit(TRUE, (void*)netMessage, "server", FALSE) != 0) return 1;    // no memory for the heaps
+ *     ovMemSetThreadContext(threadContext);
+ *     if (ovMemCheckMemoryMinStatus(threadContext) != 0) return 1;    // the configured limit was rejected
+ */
 
+/* Takes the settings from the memory configuration file (docs/memory-configuration.md), builds the heaps and the
+ * manager's locks, and prints a summary, or complaints about the file, on standard output.
+ *
+ * UseThreadHeap: 0 leaves the thread heaps off. fNetLocalMessage: an OV_NETMESSAGE_T for shortage reports and warnings,
+ * or null; stored in every case. appname: the file "config.mem.<appname>" is preferred to "config.mem"; null skips it.
+ * assumeConfigFileExists: not 0 starts with the defaults when neither file can be opened.
+ *
+ * The thread heaps stay off, with result 0, when no file was found, when it asks for none, or when its memory limit is
+ * below 10 MiB; ovMemCheckMemoryMinStatus tells the last case. A second call turns them off again, also after
+ * ovMemThreadHeapTerm; a third one starts anew. Not safe beside other memory calls: no lock is taken.
+ *
+ * 0: done. SDSTS_NO_MEMORY: a heap region or a lock could not be obtained, the limit may be too small for the heaps;
+ * what was built stays, and the caller is expected to stop. If it goes on, the system allocator serves what the heaps
+ * built so far cannot. */
 KEM_API int ovMemThreadHeapInit(int UseThreadHeap, void* fNetLocalMessage, char* appname, int assumeConfigFileExists);
+
+/* Fills seven elements: [0] memory limit in bytes, 0 for none; [1] thread heaps, -1 widened with its sign after
+ * termination; [2] most heaps; [3] bytes of a heap; [4] bytes of a short-term heap, 0 when these are off; [5] largest
+ * request served from a heap, in bytes; [6] 1 when memory is counted. [1] to [4] are 0 whenever [5] is 0.
+ * A null array is left alone. Safe from any thread after start-up. */
 KEM_API void ovMemGetMemorySettings(OV_ULONGLONG_T* arg);
+
+/* Sends every further request the way of thread heaps off; blocks handed out before stay valid and are still released
+ * through the same calls. No region is released. Nothing happens when the thread heaps are off. */
 KEM_API void ovMemThreadHeapTerm(void);
+
+/* Names the thread context (an OV_THDCTX_T) whose NetCtx goes with messages; null, or a reset, stops messages. The
+ * context must stay valid until it is replaced. Plain stores, safe from any thread. */
 KEM_API void ovMemSetThreadContext(void* tctxp);
 KEM_API void ovMemResetThreadContext(void);
 
@@ -232,7 +264,27 @@ KEM_API int ovFree(void* ptr, const char* fname, long line);
 KEM_API int ovFreeAligned(void* ptr, size_t alignment, const char* fname, long line);
 KEM_API char* ovStrDup(const char* pStr, const char* fname, long line);
 
-/* ---- Accounting ------------------------------------------------------------------------------------------------- */
+/* ---- Accounting --------------------------------------------------------------------------------------------------
+ * What the memory manager holds, counted while memory control is on (a configuration file was found and does not say
+ * nomemorycontrol), and messages when the limit is near or a request failed:
+ *
+ *     OV_ULONGLONG_T ordinary, heaps, aligned, maxUsed, maxAligned, maxTotal;
+ *     if (ovMemGetUsedMemory(&ordinary, &heaps, &aligned, &maxUsed, &maxAligned, &maxTotal) == 0)
+ *         printf("%llu KiB in heaps\n", (unsigned long long)heaps / 1024);
+ *
+ * A message goes to the call-back of ovMemThreadHeapInit with the NetCtx of the thread context in force; without a
+ * thread context there is none. Its two arguments, unsigned 32-bit:
+ *
+ *     number                    level  first                        second
+ *     SDSTS_MEM_LIMIT_WARNING     3    bytes used at the event      90, per cent of the limit
+ *     SDSTS_MEM_LIMIT_EXCEEDED    4    bytes used at the event      bytes requested; a limit is set
+ *     SDSTS_MEM_EXHAUSTED         4    bytes used at the event      bytes requested; no limit is set
+ *     SDSTS_MEM_LIMIT_TOO_LOW     4    the configured limit, bytes  10240, the lowest limit in KiB
+ *
+ * The first error after a quiet spell is reported at once; after any message the next one waits until 1,000 more
+ * allocations were counted. (Beyond 2^32 allocations the count no longer holds messages back.) All calls are safe from
+ * any thread. The queries' results are plain: 0; -1 when what they read is not counted; SDSTS_INVALID_PARAM for a null
+ * place, nothing filled. */
 
 /* The debug record the accessors below name. No function of this library creates one. */
 typedef struct OV_MEMINFO_T {
@@ -244,26 +296,67 @@ typedef struct OV_MEMINFO_T {
     struct OV_MEMINFO_T* pNext;
 } OV_MEMINFO_T;
 
+/* Reports a warning (type 1) or a failed request of `size` bytes (type 2), or holds it back, and clears the pending
+ * warning. Any other type does nothing. */
 KEM_API void ovMemSendMessage(int type, int size);
+
+/* As a failed request, for memory counted in units of 8,192 bytes; the bytes in use are taken at the call. Does nothing
+ * while memory is not counted. */
 KEM_API void ovMemSendErrorMessage(long size);
+
+/* 0 when start-up accepted the configured limit. When it rejected it, reports SDSTS_MEM_LIMIT_TOO_LOW with the NetCtx
+ * of tctxp (an OV_THDCTX_T) and returns the call-back's result, 0 without a call-back. SDSTS_INVALID_PARAM: a rejected
+ * limit, and tctxp is null. */
 KEM_API int ovMemCheckMemoryMinStatus(void* tctxp);
+
+/* Counts one block in its size bucket: an allocation of `size` bytes when positive, otherwise a release of -size bytes.
+ * The library counts its own blocks; this is for memory that the server obtains elsewhere. Nothing is counted without
+ * the keyword memoryblockscontrol.
+ *
+ *     bucket   0         1         2         3         ...    14          15
+ *     bytes    to 160    to 1 KiB  to 2 KiB  to 4 KiB  ...    to 8 MiB    above 8 MiB
+ */
 KEM_API void ovMemAddBlockSizeToList(long size);
+
+/* Sets the bucket counts since the last reset to 0. -1: blocks are not counted. */
 KEM_API int ovMemResetUsedMarkMemoryBlocks(void);
+
+/* Sets the high-water marks since the last reset to the present use. -1: memory is not counted. */
 KEM_API int ovMemResetMaxUsedMarkMemory(void);
+
+/* The high-water marks since the last reset, in bytes: heap regions and blocks outside heaps, aligned memory, both
+ * together. -1: memory is not counted. */
 KEM_API int ovMemGetMaxUsedMarkMemory(OV_ULONGLONG_T* bytesMaxMarkUsed, OV_ULONGLONG_T* bytesMaxMarkAligned,
                                       OV_ULONGLONG_T* bytesMaxMarkTotal);
+
+/* Fills 16 counts of allocations and 16 of releases by bucket: since start for type 1, since the last reset for any
+ * other type. The counts have 32 bits and wrap. -1: blocks are not counted. */
 KEM_API int ovMemGetUsedMemoryBlocks(int type, OV_ULONGLONG_T* AllocBlocks, OV_ULONGLONG_T* DeAllocBlocks);
+
+/* Bytes in use: outside heaps, in heaps, aligned; and the high-water marks since start: both of the first together,
+ * aligned, all. Every heap counts at its full size, in 32 bits: 4 GiB of heaps and more wrap. With the thread heaps off
+ * the first two are 0; after termination they are still reported. -1: memory is not counted. */
 KEM_API int ovMemGetUsedMemory(OV_ULONGLONG_T* bytesOrdinary, OV_ULONGLONG_T* bytesHeaps, OV_ULONGLONG_T* bytesAligned,
                                OV_ULONGLONG_T* bytesMaxUsed, OV_ULONGLONG_T* bytesMaxAligned,
                                OV_ULONGLONG_T* bytesMaxTotal);
+
+/* Debugging entry points that servers call in all builds. This one does nothing. */
 KEM_API void ovMemInfo(int num, char* comment);
+
+/* No list of blocks is kept: both are always null. */
 KEM_API void* ovMemMgrGetAllocBlkHd(void);
 KEM_API void* ovMemMgrGetMemInfoHd(void);
+
+/* Fields of a 32-byte debug record of the caller's, at any alignment: the address after it, the name pointer at byte
+ * 16, the line at byte 24, the size at byte 12, the info pointer at byte 0. For null: null, "Null Pointer", 0, 0, null.
+ */
 KEM_API void* ovMemMgrGetAllocBlkNxt(void* blk);
 KEM_API char* ovMemMgrGetAllocBlkFN(void* blk);
 KEM_API OV_ULONG_T ovMemMgrGetAllocBlkLn(void* blk);
 KEM_API OV_ULONG_T ovMemMgrGetAllocBlkSz(void* blk);
 KEM_API OV_MEMINFO_T* ovMemMgrGetAllocBlkMI(void* blk);
+
+/* Checks always hold and tags are always 0; every argument is ignored. */
 KEM_API OV_BOOL_T ovCheckMemoryMarker(void* ptr, const char* fname, long line, long sz);
 KEM_API OV_ULONG_T ovGetMemTag(void* UniqueAddress, void* ptr, const char* fname, long line);
 KEM_API void ovSetMemTag(void* ptr, OV_ULONG_T tag, const char* fname, long line);

@@ -7,43 +7,108 @@
 
 KEM_EXTERN_C_BEGIN
 
-/* ---- Threads --------------------------------------------------------------------------------------------------- */
+/* ---- Threads ---------------------------------------------------------------------------------------------------
+ * POSIX threads under the status convention. A thread's id is its pthread_t and its handle a copy of that, so either
+ * may stand for the other; both are passed by address. All calls are stateless and safe from any thread. Example:
+ *
+ *     KEM_THDID_T id;
+ *     KEM_THDHDL_T worker;
+ *     if (KemSdThreadCreate(ctx, work, NULL, 0, job, &id, &worker) != 0) return ctx->sts;
+ *     KemSdThreadJoin(ctx, &worker);
+ *
+ * A call that takes a handle needs its address (null: SDSTS_INVALID_PARAM, unless the call is not supported) and, the
+ * join apart, the handle of a thread that still exists. osRetCode is 0 where an entry does not name it.
+ *
+ * A process with threads that forks: between fork and exec the child may only close descriptors
+ * (KemSdFileCloseAllFrom), because locks that other threads held stay held in it. */
 
 typedef KEM_INT_T KEM_THDSTACKSIZE_T;
 typedef void* (*KEM_PTHDFUNC_T)(void* pvParm);
 
+/* Starts a thread that runs pThdFunc(pvParm); stores its id and its handle. The stack has 1 MiB, always: pvStackAddr
+ * and thdStackSize are ignored. Every thread must be joined or deleted once. SDSTS_INVALID_PARAM: pThdFunc, pThdId or
+ * pThdHdl is null. SDSTS_THREAD_CREATE: not started; osRetCode is the error number. */
 KEM_API KEM_FUNC_M KemSdThreadCreate(KEM_PSDCTX_T pSdCtx, KEM_PTHDFUNC_T pThdFunc, KEM_PVOID_T pvStackAddr,
                                      KEM_THDSTACKSIZE_T thdStackSize, KEM_PVOID_T pvParm, KEM_PTHDID_T pThdId,
                                      KEM_PTHDHDL_T pThdHdl);
+
+/* Waits for the thread's end. Handle 0 is no thread: 0 at once.
+ * SDSTS_THREAD_JOIN: it cannot be joined; osRetCode is the error number, but the context's sts is 0. */
 KEM_API KEM_FUNC_M KemSdThreadJoin(KEM_PSDCTX_T pSdCtx, KEM_PTHDHDL_T pThdHdl);
+
+/* Detaches the thread, which goes on and frees itself when it ends. 0 also when it cannot be detached. */
 KEM_API KEM_FUNC_M KemSdThreadDelete(KEM_PSDCTX_T pSdCtx, KEM_PTHDHDL_T pThdHdl);
+
+/* Ends the calling thread; never returns and leaves the context alone. stsThdRet is ignored. The stack is unwound, so
+ * no function between the thread's start and this call may be noexcept. */
 KEM_API KEM_FUNC_M KemSdThreadExit(KEM_PSDCTX_T pSdCtx, KEM_STS_T stsThdRet);
+
+/* Yields the processor. Always SDSTS_NOT_SUPPORTED, which is this call's normal answer. */
 KEM_API KEM_FUNC_M KemSdThreadYield(KEM_PSDCTX_T pSdCtx);
+
+/* Store the calling thread's id, or handle. SDSTS_INVALID_PARAM: nowhere to store it. SDSTS_THREAD_HANDLE_GET is kept
+ * for a handle that cannot be had; here there always is one. */
 KEM_API KEM_FUNC_M KemSdThreadIdGet(KEM_PSDCTX_T pSdCtx, KEM_PTHDID_T pThdId);
 KEM_API KEM_FUNC_M KemSdThreadHandleGet(KEM_PSDCTX_T pSdCtx, KEM_PTHDHDL_T pThdHdl);
+
+/* Set the thread's priority within the system's ordinary scheduling (SCHED_OTHER), or store its priority. Only a
+ * negative result of the thread library is a failure: SDSTS_THREAD_PRIORITY_SET or SDSTS_THREAD_PRIORITY_GET with
+ * errno. Its error numbers are positive, so a refused call is a success with that number in osRetCode.
+ * SDSTS_INVALID_PARAM: plThdPriority is null. */
 KEM_API KEM_FUNC_M KemSdThreadPrioritySet(KEM_PSDCTX_T pSdCtx, KEM_PTHDHDL_T pThdHdl, KEM_LONG_T lThdPriority);
 KEM_API KEM_FUNC_M KemSdThreadPriorityGet(KEM_PSDCTX_T pSdCtx, KEM_PTHDHDL_T pThdHdl, KEM_PLONG_T plThdPriority);
+
+/* Store the priority plus 1, or the priority itself, as KemSdThreadPriorityGet gives it. osRetCode is 0 on success.
+ * SDSTS_INVALID_PARAM: plThdPriority is null. SDSTS_THREAD_HIGH_PRIORITY, SDSTS_THREAD_BASE_PRIORITY with errno: the
+ * query failed. */
 KEM_API KEM_FUNC_M KemSdThreadHighPriorityGet(KEM_PSDCTX_T pSdCtx, KEM_PTHDHDL_T pThdHdl, KEM_PLONG_T plThdPriority);
 KEM_API KEM_FUNC_M KemSdThreadBasePriorityGet(KEM_PSDCTX_T pSdCtx, KEM_PTHDHDL_T pThdHdl, KEM_PLONG_T plThdPriority);
+
+/* SDSTS_NOT_SUPPORTED, whatever the arguments. */
 KEM_API KEM_FUNC_M KemSdThreadSuspend(KEM_PSDCTX_T pSdCtx, KEM_PTHDHDL_T pThdHdl);
 KEM_API KEM_FUNC_M KemSdThreadResume(KEM_PSDCTX_T pSdCtx, KEM_PTHDHDL_T pThdHdl);
 KEM_API KEM_FUNC_M KemSdThreadConcurrencyLevGet(KEM_PSDCTX_T pSdCtx, KEM_PINT_T piConcurLev);
 KEM_API KEM_FUNC_M KemSdThreadConcurrencyLevSet(KEM_PSDCTX_T pSdCtx, KEM_INT_T iConcurLev);
 
-/* ---- Processes ------------------------------------------------------------------------------------------------- */
+/* ---- Processes -------------------------------------------------------------------------------------------------
+ * Stateless, safe from any thread. A session id is the process id in its first half. Example:
+ *
+ *     if (KemSdProcessCheckAlive(ctx, session, child) == SDSTS_PROCESS_NOT_ALIVE) restart(child);
+ */
 
+/* Stores the calling process's id. SDSTS_INVALID_PARAM: pProcId is null. */
 KEM_API KEM_FUNC_M KemSdProcessIdGet(KEM_PSDCTX_T pSdCtx, KEM_PPROCID_T pProcId);
+
+/* Stores the process id in the first half of *pSessId; the second half is left alone.
+ * SDSTS_INVALID_PARAM: pSessId is null. SDSTS_SESSION_ID_GET is kept for an id that cannot be had. */
 KEM_API KEM_FUNC_M KemSdProcessSessionIdGet(KEM_PSDCTX_T pSdCtx, KEM_PSESSID_T pSessId);
+
+/* Asks, without waiting, after a child of this process; sessId is ignored. A child that has ended is reaped by the call
+ * and still counts as alive this once. osRetCode is the raw result: 0 for a running child, its id for a reaped one, -1
+ * otherwise. SDSTS_PROCESS_NOT_ALIVE: procId is no child of this process, or one reaped before. */
 KEM_API KEM_FUNC_M KemSdProcessCheckAlive(KEM_PSDCTX_T pSdCtx, KEM_SESSID_T sessId, KEM_PROCID_T procId);
+
+/* Does nothing to the process; 0. */
 KEM_API KEM_FUNC_M KemSdProcessDelete(KEM_PSDCTX_T pSdCtx, KEM_SESSID_T sessId, KEM_PROCID_T procId);
+
+/* SDSTS_NOT_SUPPORTED, whatever the arguments. */
 KEM_API KEM_FUNC_M KemSdProcessPriorityGet(KEM_PSDCTX_T pSdCtx, KEM_PLONG_T plProcPriority);
 KEM_API KEM_FUNC_M KemSdProcessPrioritySet(KEM_PSDCTX_T pSdCtx, KEM_SESSID_T sessId, KEM_PROCID_T procId,
                                            KEM_LONG_T lProcPriority);
 
-/* ---- The process-wide thread-local slot ------------------------------------------------------------------------ */
+/* ---- The process-wide thread-local slot ------------------------------------------------------------------------
+ * One pointer a thread. Init and Term belong to start-up and shut-down, while one thread uses the slot; Get and Set are
+ * safe from any thread in between. Example:
+ *
+ *     if (KemSdVupUtilTlsInit() != 0) return 1;    // once
+ *     KemSdVupUtilTlsSet(threadContext);           // in each thread
+ *     use(KemSdVupUtilTlsGet());
+ *     KemSdVupUtilTlsTerm();                       // once
+ */
 
 typedef pthread_key_t kem_tls_id_t;
 
+/* The server's utility layer keeps pointers of its own here; the library touches tlsKey alone. */
 typedef struct kem_vuputilglobals_t {
     void* queryGovernorCheckFunction; /* the server's */
     void* tlsKey;                     /* null, or the address of the cell that holds the kem_tls_id_t */
@@ -55,10 +120,21 @@ typedef struct kem_vuputilglobals_t {
 
 KEM_STATIC_ASSERT(sizeof(KEM_VUPUTILGLOBALS_T) == 48, "five pointers and a flag");
 
+/* The one record of the process. */
 KEM_API KEM_VUPUTILGLOBALS_T* KemSdVupUtilGlobals(void);
+
+/* Makes the slot; every thread's value is null. A second call without KemSdVupUtilTlsTerm ends the process by
+ * assertion. SDSTS_NO_MEMORY: no memory for the key. SDSTS_TLS_FAILED: the system has no key left. */
 KEM_API KEM_FUNC_M KemSdVupUtilTlsInit(void);
+
+/* The calling thread's value; null before it set one, and outside Init and Term. */
 KEM_API void* KemSdVupUtilTlsGet(void);
+
+/* Sets the calling thread's value, which may be null. Outside Init and Term it ends the process by assertion.
+ * SDSTS_TLS_FAILED: the system could not store it. */
 KEM_API KEM_FUNC_M KemSdVupUtilTlsSet(void* value);
+
+/* Gives the slot back; values are dropped, nothing is called for them. Without a slot it does nothing. */
 KEM_API void KemSdVupUtilTlsTerm(void);
 
 /* ---- Clock and time --------------------------------------------------------------------------------------------

@@ -21,6 +21,14 @@ constexpr Outcome fail(KEM_STS_T sts, KEM_OSRETCODE_T os = 0) { return {sts, os}
 // errno is read here, before any clean-up call can change it.
 inline Outcome failErrno(KEM_STS_T sts) { return {sts, errno}; }
 
+// The failure of a call that may have run out of space: a full disk keeps its own status, so that the server can tell
+// it from every other cause.
+inline Outcome writeFailure(KEM_STS_T otherwise)
+{
+    const int error = errno;
+    return fail(error == ENOSPC ? SDSTS_DISK_FULL : otherwise, error);
+}
+
 // Stores both values when a context is given; returns the status.
 inline KEM_STS_T finish(KEM_PSDCTX_T ctx, Outcome o)
 {

@@ -62,7 +62,7 @@ void uncount(OV_ULONGLONG_T bytes)
 OV_MemAllocExtBlock_T* resizeCounted(OV_MemAllocExtBlock_T* header, OV_ULONGLONG_T size)
 {
     const OV_ULONGLONG_T grows = size - header->size; // wraps when it shrinks, and so does the sum
-    if (!memoryControl()) return static_cast<OV_MemAllocExtBlock_T*>(ovMemExtRealloc(header, size + kExternalHeader));
+    if (!memoryControl()) return static_cast<OV_MemAllocExtBlock_T*>(resizeSystemBlock(header, size + kExternalHeader));
     {
         Locked record(ovMemThreadHeap.SpinLock);
         addUnlocked(ovMemThreadHeap.UsedMemory, grows);
@@ -72,7 +72,7 @@ OV_MemAllocExtBlock_T* resizeCounted(OV_MemAllocExtBlock_T* header, OV_ULONGLONG
             return nullptr;
         }
     }
-    void* resized = ovMemExtRealloc(header, size + kExternalHeader);
+    void* resized = resizeSystemBlock(header, size + kExternalHeader);
     Locked record(ovMemThreadHeap.SpinLock);
     if (resized) {
         noteWarning();

@@ -1,6 +1,7 @@
 // Memory counted against the limit, for the files of this folder.
 #pragma once
 
+#include "sd/base/settings.h"
 #include "sd/memsys/memsys.h"
 
 namespace sd::memsys {
@@ -12,6 +13,18 @@ void noteShortage(OV_ULONGLONG_T wanted);
 
 // Gives back the count of a block that has been released.
 void uncount(OV_ULONGLONG_T bytes);
+
+// Resizes a block of the system allocator's. Its header's policy is cleared by a failing resize, and a block so marked
+// can no longer be released; here the old block stays as good as it was, as the callers promise.
+inline void* resizeSystemBlock(void* block, size_t bytes)
+{
+    if (!memoryManagerOn()) return ovMemExtRealloc(block, bytes);
+    OV_ALLOCMEMBLKHDR_T* header = static_cast<OV_ALLOCMEMBLKHDR_T*>(block) - 1;
+    const char policy = header->policy;
+    void* resized = ovMemExtRealloc(block, bytes);
+    if (!resized) header->policy = policy;
+    return resized;
+}
 
 // Resizes an external block to `size` bytes for the caller, counted; null leaves block and count as they were. The
 // header is not rewritten.

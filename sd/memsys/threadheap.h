@@ -124,14 +124,17 @@ inline void releaseToHeaps(void* block)
 
 // ---- Blocks that cross the switch between thread heaps off and on
 
-// A block released or resized while the heaps are on whose marker can be neither ours nor a list head: it was made
-// while they were off.
+// A block released or resized while the heaps are on whose marker is neither a heap block's, nor ours, nor can be the
+// address of a list head: it was made while they were off.
 constexpr bool isSystemMarker(uintptr_t marker)
 {
     constexpr uintptr_t kLowestAddress = 65536;
     constexpr uintptr_t kBeyondAddresses = uintptr_t{1} << 47;
-    return marker != kExternalMarker && ((marker & 7) != 0 || marker < kLowestAddress || marker >= kBeyondAddresses);
+    if (marker == 0 || marker == kExternalMarker) return false;
+    return (marker & 7) != 0 || marker < kLowestAddress || marker >= kBeyondAddresses;
 }
+static_assert(!isSystemMarker(0) && !isSystemMarker(kExternalMarker) && !isSystemMarker(0x7ffe00001230));
+static_assert(isSystemMarker(0x4002000000000007) && isSystemMarker(0x0801000000000000) && isSystemMarker(0x31));
 
 // A block released or resized while the heaps are off, although they once were on: one of theirs?
 bool isFromHeaps(void* block);

@@ -53,6 +53,13 @@ protected:
         return static_cast<OV_ULONG_T>(end() - reinterpret_cast<char*>(&heap_->HeapBuffer));
     }
 
+    // The region's first block.
+    OV_MemBin_T* wholeBlock() const
+    {
+        void* first = &heap_->HeapBuffer;
+        return static_cast<OV_MemBin_T*>(first);
+    }
+
     OV_MemHeap_T* heap_ = nullptr;
 
 private:
@@ -69,7 +76,7 @@ private:
 TEST_F(BinHeap, FreshHeapIsOneFreeBlockInTheLastBin)
 {
     const OV_MemHeapHeader_T& header = heap_->HeapHeader;
-    auto* whole = reinterpret_cast<OV_MemBin_T*>(&heap_->HeapBuffer);
+    OV_MemBin_T* whole = wholeBlock();
     EXPECT_EQ(header.Bin[31], whole);
     EXPECT_EQ(whole->size, wholeSize());
     EXPECT_EQ(whole->prevsize, 0u);
@@ -182,7 +189,7 @@ TEST_F(BinHeap, RemainderThatCannotHoldAFreeBlockIsHandedOutToo)
     EXPECT_EQ(blockOf(split)->prevsize, 40u);
 }
 
-TEST_F(BinHeap, SearchHeadRotatesToTheBlockLastFound)
+TEST_F(BinHeap, SearchPassesBlocksThatAreTooSmall)
 {
     // Two free blocks of one bin, the first in the circle too small for the request.
     void* small = take(4200);
@@ -192,23 +199,26 @@ TEST_F(BinHeap, SearchHeadRotatesToTheBlockLastFound)
     give(small);
     give(large);
     ASSERT_EQ(heap_->HeapHeader.Bin[17], reinterpret_cast<OV_MemBin_T*>(blockOf(small)));
-    void* found = take(4900);
+    void* found = take(5000 - 24); // leaves too little to split off
     EXPECT_EQ(found, large);
     EXPECT_EQ(heap_->HeapHeader.Bin[17], reinterpret_cast<OV_MemBin_T*>(blockOf(small)));
 }
 
-TEST_F(BinHeap, SearchHeadStaysOnTheBlockThatServed)
+TEST_F(BinHeap, SearchHeadRotatesToTheBlockLastFound)
 {
-    void* small = take(8200);
+    make(300000);
+    void* small = take(33000);
     ASSERT_TRUE(take(200));
-    void* large = take(10000);
+    void* large = take(120000);
     ASSERT_TRUE(take(200));
+    const HeapWalk walk = walkHeap(*heap_);
+    ASSERT_TRUE(take(static_cast<OV_ULONG_T>(walk.freeBytes) - 24)); // nothing else is free
     give(small);
     give(large);
-    ASSERT_EQ(heap_->HeapHeader.Bin[19], reinterpret_cast<OV_MemBin_T*>(blockOf(small)));
-    void* found = take(8500 - 24); // leaves a rest of another bin: the large block is filed anew
-    EXPECT_NE(found, nullptr);
-    EXPECT_EQ(blockOf(found)->prevsize, 10024u - 8504u);
+    auto* served = reinterpret_cast<OV_MemBin_T*>(blockOf(large));
+    ASSERT_EQ(heap_->HeapHeader.Bin[31], reinterpret_cast<OV_MemBin_T*>(blockOf(small)));
+    ASSERT_TRUE(take(40000));
+    EXPECT_EQ(heap_->HeapHeader.Bin[31], served) << "the next search starts there";
 }
 
 TEST_F(BinHeap, FailingRequestFlushesTheFastBinsAndIsRetriedOnce)
@@ -480,30 +490,15 @@ TEST_F(BinHeap, BlockInUseOnASearchedBinStopsTheProcess)
     void* hole = take(1000);
     ASSERT_TRUE(take(200));
     give(hole);
-    reinterpret_cast<OV_MemBin_T*>(&heap_->HeapBuffer)->MemHeap = heap_;
+    wholeBlock()->MemHeap = heap_;
     EXPECT_DEATH(ovMemHeapMalloc(heap_, 60000),
                  "sd/memheap:1055: ovMemSearchBin: Assertion `!CurrentBin->MemHeap' failed");
 }
 
 TEST_F(BinHeap, BlockInUseWhenFiledStopsTheProcess)
 {
-    void* behind = take(1000);
-    void* block = take(1000);
-    ASSERT_TRUE(take(200));
-    give(block);
-    // A damaged free block: its neighbour is joined in front of it while it claims to be free, then in use.
-    auto* damaged = reinterpret_cast<OV_MemBin_T*>(&heap_->HeapBuffer);
-    damaged->index = 31;
-    ASSERT_TRUE(behind);
-    ovMemHeapMalloc(heap_, 100);
-    auto* whole = reinterpret_cast<OV_MemBin_T*>(&heap_->HeapBuffer);
-    EXPECT_DEATH(
-        {
-            whole->size = 32768 + 224; // carving 224 bytes moves the rest down to bin 30
-            whole->MemHeap = heap_;    // ... and it claims to be in use
-            heap_->HeapHeader.BinMap[31] = 0;
-            // A request whose own bins are all empty takes the head of bin 31 without searching it.
-            ovMemHeapMalloc(heap_, 20000);
-        },
-        "sd/memheap:982: ovMemAddBin: Assertion `!Bin->MemHeap' failed");
+    make(48 * 1024);
+    // A request whose own bin is empty takes the head of the last bin unsearched; its rest moves to a lower bin.
+    wholeBlock()->MemHeap = heap_;
+    EXPECT_DEATH(ovMemHeapMalloc(heap_, 20000), "sd/memheap:982: ovMemAddBin: Assertion `!Bin->MemHeap' failed");
 }
