@@ -65,18 +65,18 @@ std::string csvOf(sqlite3_stmt* statement, int column)
     return csvField({value, static_cast<size_t>(sqlite3_column_bytes(statement, column))});
 }
 
+void printField(const std::string& field, bool last)
+{
+    fwrite(field.data(), 1, field.size(), stdout);
+    putchar(last ? '\n' : ',');
+}
+
 void printAsCsv(Statement& statement)
 {
     const int columns = sqlite3_column_count(statement);
-    std::string line;
-    for (int i = 0; i < columns; ++i) line += (i ? "," : "") + csvField(sqlite3_column_name(statement, i));
-    printf("%s\n", line.c_str());
-    while (statement.step()) {
-        line.clear();
-        for (int i = 0; i < columns; ++i) line += (i ? "," : "") + csvOf(statement, i);
-        line += '\n';
-        fwrite(line.data(), 1, line.size(), stdout);
-    }
+    for (int i = 0; i < columns; ++i) printField(csvField(sqlite3_column_name(statement, i)), i + 1 == columns);
+    while (statement.step())
+        for (int i = 0; i < columns; ++i) printField(csvOf(statement, i), i + 1 == columns);
 }
 
 void runStatement(Database& database, Statement& statement, bool asCsv)

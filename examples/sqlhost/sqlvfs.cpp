@@ -178,8 +178,7 @@ std::string takeFileTrouble() { return std::exchange(lastTrouble, {}); }
 
 int flushDirectory(KEM_PSDCTX_T context, const char* path)
 {
-    std::string directory = fs::path(path).parent_path().string();
-    if (directory.empty()) directory = ".";
+    const std::string directory = (fs::path(path).parent_path() / "").string(); // full names only: never empty
     KEM_FILEHDL_T handle = -1;
     if (KemSdFileOpen(context, directory.c_str(), O_RDONLY | O_DIRECTORY | kCloseOnExec, 0, &handle) != 0)
         return trouble(SQLITE_IOERR_DIR_FSYNC, "cannot open", directory.c_str(), context);

@@ -3,14 +3,17 @@
 namespace kemsd::test {
 namespace {
 
-std::string csvField(const char* text)
+void addField(std::string& lines, const char* text, bool last)
 {
-    if (!text) return {};
-    const std::string value = text;
-    if (!value.empty() && value.find_first_of(",\"\r\n") == std::string::npos) return value;
-    std::string quoted = "\"";
-    for (const char c : value) quoted.append(c == '"' ? 2 : 1, c);
-    return quoted + "\"";
+    const std::string_view value = text ? text : "";
+    if (text && (value.empty() || value.find_first_of(",\"\r\n") != value.npos)) {
+        lines += '"';
+        for (const char c : value) lines.append(c == '"' ? 2 : 1, c);
+        lines += '"';
+    } else {
+        lines += value;
+    }
+    lines += last ? '\n' : ',';
 }
 
 } // namespace
@@ -31,12 +34,10 @@ std::string PlainDatabase::csv(const std::string& sql)
     EXPECT_EQ(SQLITE_OK, sqlite3_prepare_v2(handle_, sql.c_str(), -1, &statement, nullptr)) << sqlite3_errmsg(handle_);
     std::string lines;
     const int columns = sqlite3_column_count(statement);
-    for (int i = 0; i < columns; ++i) lines += (i ? "," : "") + csvField(sqlite3_column_name(statement, i));
-    lines += '\n';
+    for (int i = 0; i < columns; ++i) addField(lines, sqlite3_column_name(statement, i), i + 1 == columns);
     while (sqlite3_step(statement) == SQLITE_ROW) {
         for (int i = 0; i < columns; ++i)
-            lines += (i ? "," : "") + csvField(reinterpret_cast<const char*>(sqlite3_column_text(statement, i)));
-        lines += '\n';
+            addField(lines, reinterpret_cast<const char*>(sqlite3_column_text(statement, i)), i + 1 == columns);
     }
     EXPECT_EQ(SQLITE_OK, sqlite3_finalize(statement)) << sqlite3_errmsg(handle_);
     return lines;
