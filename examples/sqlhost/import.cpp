@@ -18,6 +18,7 @@ namespace sqlhost {
 namespace {
 
 constexpr uint64_t kProgressRows = 4096;
+constexpr char kChanged[] = "the file changed while it was imported, or is none that can be read twice";
 constexpr size_t kExactDigits = 15; // what a REAL holds without loss
 
 // ---- Column types ------------------------------------------------------------------------------------------------
@@ -177,7 +178,7 @@ uint64_t insertRows(Server& server, Database& database, const ImportOptions& opt
     csv.next(row); // the header
     Statement insert(database, insertSql(options.table, survey.columns));
     for (; csv.next(row); ++rows) try {
-            if (row.size() != survey.columns.size()) throw Failure("the file changed while it was imported");
+            if (row.size() != survey.columns.size()) throw Failure(kChanged);
             bindRow(database, insert, row);
             insert.step();
             insert.reset();
@@ -186,6 +187,7 @@ uint64_t insertRows(Server& server, Database& database, const ImportOptions& opt
         } catch (const Failure& failure) {
             throw csv.failure(failure.what());
         }
+    if (csv.input().position() != survey.bytes) throw Failure(csv.input().name() + ": " + kChanged);
     return rows;
 }
 

@@ -206,6 +206,15 @@ INSTANTIATE_TEST_SUITE_P(
                     Malformed{"HalfMark", "\xEF\xBBx,b\n", ", line 1: the file begins with half a byte order mark"}),
     [](const auto& info) { return info.param.what; });
 
+TEST_F(SqlHost, PipeIsRefusedBecauseItCannotBeReadTwice)
+{
+    for (const std::string file : {"standard input", "/dev/stdin"})
+        EXPECT_THAT(host({"import", path("a.db"), "t", file[0] == '/' ? file : "-"}, "a\n1\n2\n"),
+                    FailsSaying(file + ": the file changed while it was imported, or is none that can be read twice; "
+                                       "nothing was imported"));
+    EXPECT_EQ("0", PlainDatabase(path("a.db")).value("SELECT count(*) FROM sqlite_schema"));
+}
+
 TEST_F(SqlHost, ImportThatFailsInsideTheDatabaseKeepsWhatWasThere)
 {
     write("a.db", "");
