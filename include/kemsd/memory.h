@@ -38,17 +38,57 @@ typedef struct OV_ALLOCMEMBLKHDR_T {
 KEM_STATIC_ASSERT(sizeof(OV_ALLOCMEMBLKHDR_T) == 8, "the block header is 8 bytes");
 KEM_STATIC_ASSERT(offsetof(OV_ALLOCMEMBLKHDR_T, policy) == 6, "policy at byte 6, hlen at byte 7");
 
+/* A policy is 1 or 2. Any other value is laid out like 2, but freeModified does not recognise it. Policy 2 rounds a
+ * request of up to 2,097,152 bytes up to a power of two, whose exponent is the class (3 bytes: 4 of class 2; 0 and 1
+ * byte: class 0); a larger request keeps its size and has class 22 or more.
+ *
+ * None of these calls takes a lock; they are as safe among threads as the system allocator. A block must be released
+ * under the setting of KemSdSetMemoryManager under which it was made.
+ *
+ *     void* block = ovMemExtMalloc(100, 2);          // 128 bytes of class 7
+ *     void* larger = ovMemExtRealloc(block, 120);    // the same block: it has room
+ *     ovMemExtFree(larger); */
+
+/* A block of at least s bytes with its header, or null without memory. */
 KEM_API OV_PVOID_T mallocModified(size_t s, char policy);
+
+/* The same for num elements of sizeOne bytes, all zero. The product is not checked for overflow, and sizeOne must not
+ * be 0. */
 KEM_API OV_PVOID_T callocModified(size_t num, size_t sizeOne, char policy);
+
+/* Resizes, keeping policy and data; a null pvBuf gives a new block of policy 2. A block of policy 2 whose class does
+ * not change, 21 at most, is returned as it is. Null without memory: the old block then stays, but with a dead header,
+ * so that freeModified does not recognise it. A dead header ends the process with the assertion "policy != 0". */
 KEM_API OV_PVOID_T reallocModified(OV_PVOID_T pvBuf, size_t s);
+
+/* Releases by the header: policy 2 with hlen 64, or policy 1 with hlen 8. Any other two bytes are taken for a block
+ * without a header, and pvBuf itself goes to the system allocator. pvBuf must not be null. */
 KEM_API void freeModified(void* pvBuf);
+
+/* The entry points below pass a request on, in this order: to crash-time memory once a fatal exception is declared; to
+ * the four calls above while the memory manager is on; else to the system allocator, without a header. Null without
+ * memory. */
 KEM_API void* ovMemExtMalloc(size_t size, char policy);
+/* blockSize must not be 0 while the memory manager is on. */
 KEM_API void* ovMemExtCalloc(OV_UINT_T blockCount, OV_ULONG_T blockSize, char policy);
 KEM_API void* ovMemExtRealloc(OV_PVOID_T pvBuf, size_t size);
+/* pvBuf must not be null while the memory manager is on. */
 KEM_API void ovMemExtFree(OV_PVOID_T pvBuf);
+
+/* Aligned memory never has a header, whatever the setting. alignment is in bytes, a power of two and a multiple of 8.
+ * Returns posix_memalign's result, 0 or an error number, or SDSTS_INVALID_PARAM when memptr is null. Crash-time memory
+ * drops the alignment and reports its own status. */
 KEM_API OV_STS_T ovMemExtMallocAligned(void** memptr, size_t alignment, size_t size);
+/* pvBuf may be null. */
 KEM_API void ovMemExtFreeAligned(OV_PVOID_T pvBuf);
+
+/* Stores a block through ppvfBuf, or null without memory. While the memory manager is on, up to 2,097,152 bytes come
+ * from the thread's free lists when it has them; everything else is ovMemExtMalloc. thdctxp is unused; a null ppvfBuf
+ * does nothing. */
 KEM_API void ovMemExtThreadMalloc(void* thdctxp, size_t size, void** ppvfBuf, char policy);
+
+/* Releases to the thread's free lists what may lie in them, and everything else by ovMemExtFree. A header that is
+ * neither ends in the assertions of ovThreadFree. Null does nothing. */
 KEM_API void ovMemExtThreadFree(OV_PVOID_T pvBuf);
 
 /* ---- Binned heap ------------------------------------------------------------------------------------------------ */
@@ -365,65 +405,204 @@ KEM_API OV_BOOL_T ovCheckMemTag(void* ptr, OV_ULONG_T tag, long sz, const char* 
 
 /* ---- Public memory calls ---------------------------------------------------------------------------------------- */
 
+/* The public form of the server-wide calls: each stores its status in the context, with errno where a system call
+ * failed and 0 otherwise, and returns it. pMemPool is always unused. Blocks are KEM_BLOCK_SIZE (8192) bytes. Nothing is
+ * shared between threads but the memory itself.
+ *
+ *     void* buffer;
+ *     if (KemSdAlignedMemAlloc(ctx, 4, &buffer) != 0) return ctx->sts;    // 32 KiB on a page boundary
+ *     KemSdAlignedMemFree(ctx, buffer);
+ */
+
+/* Nothing to do on this platform; always 0. */
 KEM_API KEM_FUNC_M KemSdMemInit(KEM_PSDCTX_T pSdCtx);
 KEM_API KEM_FUNC_M KemSdMemTerm(KEM_PSDCTX_T pSdCtx);
 KEM_API KEM_FUNC_M KemSdMemPoolInit(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pMemPool, KEM_ULONG_T ulPageSize);
 KEM_API KEM_FUNC_M KemSdMemPoolTerm(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pMemPool);
+
+/* Pools of fixed blocks do not exist on this platform; always SDSTS_NOT_SUPPORTED, and nothing is stored. */
 KEM_API KEM_FUNC_M KemSdMemPoolFixedInit(KEM_PSDCTX_T pSdCtx, KEM_USHORT_T usBlockSize, KEM_ULONG_T ulBlockCount,
                                          KEM_PVOID_T pMemPool);
 KEM_API KEM_FUNC_M KemSdMemPoolFixedTerm(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pMemPool);
 KEM_API KEM_FUNC_M KemSdMemFixedAlloc(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pMemPool, KEM_PPVOID_T ppvBuf);
 KEM_API KEM_FUNC_M KemSdMemFixedFree(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pvBuf);
+
+/* Stores FALSE; ppOSVersion is left alone. SDSTS_INVALID_PARAM: pbIsAvailable is null. */
 KEM_API KEM_FUNC_M KemSdIsMemPageLocking(KEM_PSDCTX_T pSdCtx, KEM_PPVOID_T ppOSVersion, KEM_PBOOL_T pbIsAvailable);
+
+/* A block of sizeRequest bytes by ovMalloc or, with a policy of 1 or 2, by ovMallocPolicy.
+ * SDSTS_INVALID_PARAM: ppvBuf is null or sizeRequest 0, nothing is stored. SDSTS_NO_MEMORY: null was stored. Any other
+ * status is the allocation's own. */
 KEM_API KEM_FUNC_M KemSdMemAlloc(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pMemPool, KEM_SIZE_T sizeRequest, KEM_PPVOID_T ppvBuf,
                                  const char* fname, long line);
 KEM_API KEM_FUNC_M KemSdMemAllocUsingPolicy(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pMemPool, KEM_SIZE_T sizeRequest,
                                             KEM_PPVOID_T ppvBuf, char policy, const char* fname, long line);
+
+/* Resizes by ovRealloc and stores where the block now lies; a null pvOldBuf makes it KemSdMemAlloc.
+ * SDSTS_INVALID_PARAM: ppvNewBuf is null or sizeNew 0. SDSTS_NO_MEMORY: the old block and *ppvNewBuf are as before. */
 KEM_API KEM_FUNC_M KemSdMemRealloc(KEM_PSDCTX_T pSdCtx, KEM_SIZE_T sizeNew, KEM_PVOID_T pvOldBuf,
                                    KEM_PPVOID_T ppvNewBuf, const char* fname, long line);
+
+/* Releases by ovFree. SDSTS_INVALID_PARAM: pvBuf is null. */
 KEM_API KEM_FUNC_M KemSdMemFree(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pvBuf, const char* fname, long line);
+
+/* Fills with zero bytes. A sizeCount of 0 writes nothing and is no error. SDSTS_INVALID_PARAM: pvBuf is null. */
 KEM_API KEM_FUNC_M KemSdMemClear(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pvBuf, KEM_SIZE_T sizeCount);
+
+/* Copies sizeCopy bytes, which may overlap and may be 0. SDSTS_INVALID_PARAM: a null pointer. */
 KEM_API KEM_FUNC_M KemSdMemCopy(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pvDest, const void* pvSrc, KEM_SIZE_T sizeCopy);
+
+/* Blocks on a page boundary, outside every limit and count.
+ * SDSTS_INVALID_PARAM: ppvBuf is null. SDSTS_ALIGNED_ALLOC with errno, null stored: no memory; ENOMEM also when the
+ * byte count is beyond 64 bits. */
 KEM_API KEM_FUNC_M KemSdAlignedMemAlloc(KEM_PSDCTX_T pSdCtx, KEM_SIZE_T sizeRequestBlocks, KEM_PPVOID_T ppvBuf);
+
+/* Moves *ppvBuf, of oldBlocks blocks, to newBlocks blocks and copies the smaller of the two; the old byte count is
+ * formed in 32 bits, so 4 GiB wrap to 0. Failures leave the old block and *ppvBuf as they were: those of
+ * KemSdAlignedMemAlloc, and SDSTS_INVALID_PARAM when *ppvBuf is null. */
 KEM_API KEM_FUNC_M KemSdAlignedMemRealloc(KEM_PSDCTX_T pSdCtx, KEM_SIZE_T oldBlocks, KEM_SIZE_T newBlocks,
                                           KEM_PPVOID_T ppvBuf);
+
+/* SDSTS_INVALID_PARAM: pvBuf is null. */
 KEM_API KEM_FUNC_M KemSdAlignedMemFree(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pvBuf);
+
+/* Blocks on a page boundary, locked in memory; the byte count is formed in 32 bits, so 4 GiB wrap to 0.
+ * SDSTS_INVALID_PARAM: ppvBuf is null. With errno and null stored: SDSTS_PHYSMEM_ALLOC, no memory;
+ * SDSTS_MEMLOCK_PRIVILEGE, the process may not lock memory; SDSTS_MEMLOCK_FAILED, locking failed otherwise. */
 KEM_API KEM_FUNC_M KemSdPhysMemAlloc(KEM_PSDCTX_T pSdCtx, KEM_SIZE_T sizeRequestBlocks, KEM_PPVOID_T ppvBuf);
+
+/* As KemSdAlignedMemRealloc, with the failures of KemSdPhysMemAlloc. When *ppvBuf is null (SDSTS_INVALID_PARAM) the new
+ * block is lost. */
 KEM_API KEM_FUNC_M KemSdPhysMemRealloc(KEM_PSDCTX_T pSdCtx, KEM_SIZE_T oldBlocks, KEM_SIZE_T newBlocks,
                                        KEM_PPVOID_T ppvBuf);
+
+/* Frees without unlocking: the pages stay locked until the system takes them back. SDSTS_INVALID_PARAM: pvBuf is
+ * null. */
 KEM_API KEM_FUNC_M KemSdPhysMemFree(KEM_PSDCTX_T pSdCtx, KEM_PVOID_T pvBuf);
+
+/* Locks blocks of the caller's memory into physical memory; the byte count is formed in 32 bits.
+ * SDSTS_INVALID_PARAM: pvBuf is null or the count 0. With errno: SDSTS_MEMLOCK_PRIVILEGE (osRetCode 1), the process may
+ * not lock memory; SDSTS_MEMLOCK_FAILED, locking failed otherwise. */
 KEM_API KEM_FUNC_M KemSdMemLock(KEM_PSDCTX_T pSdCtx, KEM_ULONG_T ulBlocksToLock, KEM_PVOID_T pvBuf);
+
+/* The opposite. SDSTS_INVALID_PARAM as above; SDSTS_MEMUNLOCK_FAILED with errno: the system refused. */
 KEM_API KEM_FUNC_M KemSdMemUnlock(KEM_PSDCTX_T pSdCtx, KEM_ULONG_T ulBlocksToUnlock, KEM_PVOID_T pvBuf);
-KEM_API KEM_FUNC_M KemSdAlignedMemAllocWrap(KEM_PSDCTX_T pSdCtxp, KEM_SIZE_T sizeRequestBlocks, KEM_PPVOID_T ppvBuf);
-KEM_API KEM_FUNC_M KemSdAlignedMemReallocWrap(KEM_PSDCTX_T pSdCtxp, KEM_SIZE_T oldBlocks, KEM_SIZE_T newBlocks,
-                                              KEM_PPVOID_T ppvBuf);
-KEM_API KEM_FUNC_M KemSdAlignedMemFreeWrap(KEM_PSDCTX_T pSdCtxp, KEM_PVOID_T pvBuf);
 
 /* ---- Tracked aligned memory and mapped pages -------------------------------------------------------------------- */
 
+/* Aligned memory that counts against MemoryLimit while the memory manager accounts used memory (MemoryControl), and
+ * pages mapped straight from the system, which never count. All calls are safe among threads; one block belongs to one
+ * caller.
+ *
+ *     void* pages;
+ *     if (ovMmap(&pages, 100000, __FILE__, __LINE__) != 0) return SDSTS_NO_MEMORY;
+ *     ovMremap(pages, 100000, &pages, 200000, __FILE__, __LINE__);
+ *     ovMunmap(pages, __FILE__, __LINE__);
+ */
+
+/* As KemSdAlignedMemAlloc, and charged. Every failure but the charge's own is reported to the server as a shortage of
+ * that many blocks.
+ * Further: SDSTS_ALIGNED_ALLOC with osRetCode 0, null stored: beyond the limit (the server is told), or no memory to
+ * track the block. Beyond 90 per cent of the limit the server is warned. */
+KEM_API KEM_FUNC_M KemSdAlignedMemAllocWrap(KEM_PSDCTX_T pSdCtxp, KEM_SIZE_T sizeRequestBlocks, KEM_PPVOID_T ppvBuf);
+
+/* As KemSdAlignedMemRealloc, the charge moving along. When the reallocation fails, the old block stays but is no longer
+ * charged; when the new block cannot be charged, both are gone and null is stored. */
+KEM_API KEM_FUNC_M KemSdAlignedMemReallocWrap(KEM_PSDCTX_T pSdCtxp, KEM_SIZE_T oldBlocks, KEM_SIZE_T newBlocks,
+                                              KEM_PPVOID_T ppvBuf);
+
+/* Gives the charge back and frees. SDSTS_INVALID_PARAM: pvBuf is null. */
+KEM_API KEM_FUNC_M KemSdAlignedMemFreeWrap(KEM_PSDCTX_T pSdCtxp, KEM_PVOID_T pvBuf);
+
+/* Charges size blocks of 8192 bytes under the address `block`; 2 GiB and more are charged as the low 32 bits of the
+ * byte count with their sign. Without MemoryControl nothing is done.
+ * 0, or SDSTS_ALIGNED_ALLOC: beyond the limit (the server is told), or no memory to track the block. */
 KEM_API int ovMemAlignedIncCounter(void* block, int64_t size);
+
+/* Gives back what was charged under that address; one that is null or not charged is ignored. */
 KEM_API void ovMemAlignedDecCounter(void* block);
+
+/* The four calls below work on whole mappings. The length of each stands in its first 8 bytes, the caller's pointer 64
+ * bytes behind its start; every length is the size plus 64 in whole pages. While KemSdSetMmapAllocCfg switches mappings
+ * off, they serve charged aligned blocks instead and report the statuses of the Wrap calls; the setting must be the one
+ * under which the memory was made. fname and line are unused. */
+
+/* Maps size bytes, readable and writable, all zero, and stores their address.
+ * SDSTS_INVALID_PARAM: ppBuf is null. SDSTS_MMAP_FAILED, null stored: the system refused or the size is too large. */
 KEM_API int ovMmap(void** ppBuf, size_t size, const char* fname, long line);
+
+/* Resizes, moving if needed, and stores the new address; pOldBuf null makes it ovMmap. The mapping must be readable and
+ * writable. With mappings off the old block is the one at ppBuf, of aOldSize bytes: pass its address in both.
+ * SDSTS_INVALID_PARAM: ppBuf is null. SDSTS_MREMAP_FAILED: the system refused or the size is too large; the old mapping
+ * stays; null is stored, except with mappings off. */
 KEM_API int ovMremap(void* pOldBuf, size_t aOldSize, void** ppBuf, size_t size, const char* fname, long line);
+
+/* Unmaps, whatever the protection; null is no error. SDSTS_MUNMAP_FAILED: the system refused. */
 KEM_API int ovMunmap(void* ptr, const char* fname, long line);
+
+/* Gives the whole mapping, the 64 bytes in front included, the system's protection `prot` (PROT_NONE, PROT_READ ...).
+ * Does nothing while KemSdSetMemProtectCfg is off or mappings are off, or for null. Its first page is readable and
+ * writable for a moment. SDSTS_MPROTECT_FAILED: the system refused. */
 KEM_API int ovMprotect(void* ptr, int prot, const char* fname, long line);
 
 /* ---- Per-thread free lists -------------------------------------------------------------------------------------- */
 
+/* A thread may keep the blocks it releases in 32 lists, one for each power of two, and take them out again without the
+ * system allocator. Blocks carry the header above. The lists hold at most 8 MiB (100 MiB with hardware acceleration)
+ * and one block, counting each as its capacity and 64 bytes; what is released beyond that is freed.
+ *
+ *     ovCreateThreadAlloc(threadContext);
+ *     ovThreadAlloc(threadContext, 100, &block, 2);    // 128 bytes, from the list of class 7 when it has one
+ *     ovThreadFree(block);                             // to that list
+ *     ovDestroyThreadAlloc(threadContext);             // frees what the lists hold
+ *
+ * An allocator belongs to one thread and has no lock. A block may be released by any thread: it joins the lists of the
+ * one that releases it. */
+
+/* The allocator as an object; a null thisThdAlloc does nothing and gives null. ThdAlloc_Create gives null without
+ * memory. */
 KEM_API void* ThdAlloc_Create(void);
 KEM_API void ThdAlloc_Destroy(void* thisThdAlloc);
+
+/* A block of at least size bytes, or null without memory. Policy 1 gives exactly size bytes, never from a list; sizes
+ * of 0 and above 2^31 wrap to class 0 and must not be passed with other policies. */
 KEM_API void* ThdAlloc_get(void* thisThdAlloc, unsigned int size, char policy);
+
+/* Takes a block back: policy 2 into its list, policy 1 to the system. A block released twice or of another policy, or
+ * whose hlen does not fit its policy, ends the process with an assertion of "sd/ThreadAllocator". Null does nothing. */
 KEM_API void ThdAlloc_release(void* thisThdAlloc, void* arg);
+
+/* Fills the lists up to the built-in pattern, which asks for nothing. */
 KEM_API void ThdAlloc_prealloc(void* thisThdAlloc);
+
+/* Frees everything the lists hold, and the lists. Blocks still out may be released, to the system; ThdAlloc_get must
+ * not be called any more. */
 KEM_API void ThdAlloc_clean(void* thisThdAlloc);
+
+/* Frees listed blocks, the largest first, until at most lowerLimit bytes are held; -1 frees down to the built-in
+ * pattern, that is everything. Other negative limits do nothing. */
 KEM_API void ThdAlloc_compaction(void* thisThdAlloc, long lowerLimit);
+
+/* The 32 counts of listed blocks; null after ThdAlloc_clean. */
 KEM_API long* ThdAlloc_getElementCountAryPtr(void* thisThdAlloc);
 
+/* The calling thread's own allocator; thdctxp is unused throughout. Create makes one if the memory manager is on and
+ * the thread has none; without memory it stays without one. Destroy ends it. Both return 0. */
 KEM_API int ovCreateThreadAlloc(void* thdctxp);
 KEM_API int ovDestroyThreadAlloc(void* thdctxp);
+
+/* Stores a block, or null without memory: from the thread's allocator, which takes the low 32 bits of size, else from
+ * ovMemExtMalloc. A null ppvfBuf does nothing. */
 KEM_API void ovThreadAlloc(void* thdctxp, size_t size, void** ppvfBuf, char policy);
+
+/* To the thread's allocator as by ThdAlloc_release, else to ovMemExtFree. Null does nothing. Returns 0. */
 KEM_API int ovThreadFree(void* ptr);
+
+/* ThdAlloc_prealloc of the thread's allocator, with hardware acceleration only. */
 KEM_API void ovThreadPrealloc(void* thdctxp);
+
+/* Empties the lists of the thread's allocator: ThdAlloc_compaction down to 0 bytes or, with hardware acceleration, down
+ * to the pattern. Returns 0. */
 KEM_API int ovFreelistCompaction(void* thdctxp);
 
 KEM_EXTERN_C_END

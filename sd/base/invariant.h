@@ -7,6 +7,10 @@
 extern "C" [[noreturn]] void __assert_fail(const char* assertion, const char* file, unsigned line,
                                            const char* function) noexcept(true);
 
+// <assert.h> leaves its own failure function out when NDEBUG is set.
+extern "C" [[noreturn]] void __assert_fail(const char* expression, const char* file, unsigned line,
+                                           const char* function) noexcept;
+
 namespace sd {
 
 struct SourcePoint {

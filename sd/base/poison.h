@@ -3,6 +3,13 @@
 
 #include <cstddef>
 
+// The two compilers say in different ways that the address sanitizer is on.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) && !defined(__SANITIZE_ADDRESS__)
+#define __SANITIZE_ADDRESS__ 1
+#endif
+#endif
+
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/asan_interface.h>
 #elif defined(KEMSD_VALGRIND)

@@ -252,8 +252,9 @@ void ovMemHeapInit(OV_MemHeap_T* MemHeap, OV_BOOL_T LongTermHeap)
     }
     for (OV_MemAllocBlock_T*& fastBin : header.FastBin) fastBin = nullptr;
     storeRelaxed(header.FastBinCount, 0);
-    header.HeapEnd =
-        reinterpret_cast<char*>(MemHeap) + (LongTermHeap ? ovMemThreadHeap.HeapSize : ovMemThreadHeap.ShortHeapSize);
+    // A size that is no multiple of 8 leaves its last bytes unused.
+    const OV_ULONG_T size = LongTermHeap ? ovMemThreadHeap.HeapSize : ovMemThreadHeap.ShortHeapSize;
+    header.HeapEnd = reinterpret_cast<char*>(MemHeap) + (size & ~OV_ULONG_T{7});
 
     // Deliberate: the single block lies in the last bin whatever its size. Bins below are not cleared; the map says
     // that they are empty.

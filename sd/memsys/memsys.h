@@ -118,6 +118,9 @@ inline bool heapsOn() { return loadRelaxed(slots.count) != 0; }
 // Links a heap at the tail of the pool's circle. Under 6002, or at start-up.
 void addToPool(OV_MemHeap_T* heap);
 
+// Keeps the heaps of an earlier start where blocks of theirs that come back are recognised.
+void retireHeaps();
+
 // Opens the slots (start-up's last step) or closes them (termination, or a start-up that leaves them off).
 void openSlots();
 void closeSlots();

@@ -161,6 +161,7 @@ void setSlot(OV_LONG_T i, OV_MemHeap_T* heap)
 // Heaps of an earlier start are left to their blocks.
 void emptySlotsAndPool()
 {
+    retireHeaps();
     for (OV_LONG_T i = 0; i < OV_MEM_SLOTS; ++i) setSlot(i, nullptr);
     ovMemThreadHeap.MemHeapPool.MemHeap = nullptr;
 }

@@ -82,9 +82,11 @@ void closeSlots() { storeRelaxed(slots.count, 0); }
 
 bool buildingHeap() { return building; }
 
-void addToPool(OV_MemHeap_T* heap)
+namespace {
+
+// Links a heap at the tail of a circle.
+void addToCircle(OV_MemHeap_T*& first, OV_MemHeap_T* heap)
 {
-    OV_MemHeap_T*& first = ovMemThreadHeap.MemHeapPool.MemHeap;
     if (!first) {
         first = heap->next = heap->prev = heap;
         return;
@@ -93,6 +95,39 @@ void addToPool(OV_MemHeap_T* heap)
     heap->prev = first->prev;
     first->prev->next = heap;
     first->prev = heap;
+}
+
+// Calls `visit` for the heaps of a circle until it says true; whether it did.
+template <class Visit>
+bool anyInCircle(OV_MemHeap_T* first, Visit visit)
+{
+    if (!first) return false;
+    OV_MemHeap_T* heap = first;
+    do {
+        OV_MemHeap_T* following = heap->next;
+        if (visit(heap)) return true;
+        heap = following;
+    } while (heap != first);
+    return false;
+}
+
+// The heaps of earlier starts, a circle; changes only at start-up.
+constinit OV_MemHeap_T* retired = nullptr;
+
+} // namespace
+
+void addToPool(OV_MemHeap_T* heap) { addToCircle(ovMemThreadHeap.MemHeapPool.MemHeap, heap); }
+
+void retireHeaps()
+{
+    for (OV_MemHeap_T* volatile& slot : ovMemThreadHeap.Heap)
+        if (OV_MemHeap_T* heap = loadRelaxed(slot)) addToCircle(retired, heap);
+    while (OV_MemHeap_T* heap = ovMemThreadHeap.MemHeapPool.MemHeap) {
+        ovMemThreadHeap.MemHeapPool.MemHeap = heap->next == heap ? nullptr : heap->next;
+        heap->prev->next = heap->next;
+        heap->next->prev = heap->prev;
+        addToCircle(retired, heap);
+    }
 }
 
 namespace {
@@ -303,17 +338,11 @@ bool liesIn(const OV_MemHeap_T* heap, const void* block)
 
 bool liesInLongTermHeap(const void* block)
 {
+    const auto holdsBlock = [block](const OV_MemHeap_T* heap) { return liesIn(heap, block); };
     Locked pool(ovMemThreadHeap.MemHeapPool.SpinLock);
     for (OV_MemHeap_T* volatile& slot : ovMemThreadHeap.Heap)
-        if (liesIn(loadAcquire(slot), block)) return true;
-    const OV_MemHeap_T* first = ovMemThreadHeap.MemHeapPool.MemHeap;
-    const OV_MemHeap_T* heap = first;
-    if (!heap) return false;
-    do {
-        if (liesIn(heap, block)) return true;
-        heap = heap->next;
-    } while (heap != first);
-    return false;
+        if (holdsBlock(loadAcquire(slot))) return true;
+    return anyInCircle(ovMemThreadHeap.MemHeapPool.MemHeap, holdsBlock) || anyInCircle(retired, holdsBlock);
 }
 
 } // namespace

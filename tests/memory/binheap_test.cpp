@@ -450,6 +450,14 @@ TEST_F(BinHeap, RegionBelow32KiBNeverHandsOutMoreThanItHas)
     EXPECT_NE(take(100), nullptr);
 }
 
+TEST_F(BinHeap, RegionOfAnOddSizeLeavesItsLastBytesUnused)
+{
+    make(100003);
+    EXPECT_EQ(end(), reinterpret_cast<char*>(heap_) + 100000);
+    void* block = take(100);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % 8, 0u);
+}
+
 TEST_F(BinHeap, LongTermHeapHasLock6005AndTheConfiguredSize)
 {
     ovMemThreadHeap.HeapSize = 1 << 19;

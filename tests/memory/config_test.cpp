@@ -72,10 +72,7 @@ std::string directoryOfLength(const TempDir& dir, size_t length)
     return path;
 }
 
-void writeFile(const std::string& path, const std::string& text)
-{
-    std::ofstream(path) << text;
-}
+void writeFile(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
 
 constexpr size_t kLongestPath = 1024;
 constexpr size_t kNameLength = 15; // "/bin/config.mem"

@@ -38,15 +38,9 @@ int keep(void* netCtx, int number, int level, void* first, int firstType, void* 
     return 4711;
 }
 
-Message error(int number, OV_ULONG_T used, OV_ULONG_T requested)
-{
-    return {&netContext, number, 4, used, requested};
-}
+Message error(int number, OV_ULONG_T used, OV_ULONG_T requested) { return {&netContext, number, 4, used, requested}; }
 
-Message warning(OV_ULONG_T used)
-{
-    return {&netContext, SDSTS_MEM_LIMIT_WARNING, 3, used, 90};
-}
+Message warning(OV_ULONG_T used) { return {&netContext, SDSTS_MEM_LIMIT_WARNING, 3, used, 90}; }
 
 // A call-back and a thread context, the record at its defaults, and 1,000,000 bytes used at the last event.
 class Messages : public testing::Test {

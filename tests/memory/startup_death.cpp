@@ -57,10 +57,7 @@ TEST(LockOrderDeathTest, EveryHeldLockCounts)
     noteGiven(kHeapPoolLock);
 }
 
-TEST(LockOrderDeathTest, GivingALockThatIsNotHeldStopsTheProcess)
-{
-    EXPECT_DEATH(noteGiven(kRecordLock), "not taken");
-}
+TEST(LockOrderDeathTest, GivingALockThatIsNotHeldStopsTheProcess) { EXPECT_DEATH(noteGiven(kRecordLock), "not taken"); }
 
 TEST(LockOrderDeathTest, LockedScopesAreWatched)
 {

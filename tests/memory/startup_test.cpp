@@ -100,10 +100,7 @@ protected:
     char application[4] = "app";
 };
 
-int callBack(void*, int, int, void*, int, void*, int)
-{
-    return 0;
-}
+int callBack(void*, int, int, void*, int, void*, int) { return 0; }
 
 int poolLength()
 {
@@ -395,10 +392,7 @@ TEST_F(Startup, SummaryWithoutALimit)
     EXPECT_EQ(printed("maxblock 0"), kUndefined);
 }
 
-TEST_F(Startup, NothingIsPrintedWhileTheHeapsAreOff)
-{
-    EXPECT_EQ(printed("numthreadheaps 0"), "");
-}
+TEST_F(Startup, NothingIsPrintedWhileTheHeapsAreOff) { EXPECT_EQ(printed("numthreadheaps 0"), ""); }
 
 // ---- The slots open last
 

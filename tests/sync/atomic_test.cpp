@@ -25,10 +25,7 @@ void together(Body body)
     for (std::thread& thread : threads) thread.join();
 }
 
-int64_t load(const volatile int64_t& word)
-{
-    return __atomic_load_n(&word, __ATOMIC_SEQ_CST);
-}
+int64_t load(const volatile int64_t& word) { return __atomic_load_n(&word, __ATOMIC_SEQ_CST); }
 
 } // namespace
 

@@ -31,10 +31,7 @@ constexpr bool kSeesRaces = false;
 constexpr long kShare = 1;
 #endif
 
-int threadCount()
-{
-    return static_cast<int>(std::max(4u, 2 * std::thread::hardware_concurrency()));
-}
+int threadCount() { return static_cast<int>(std::max(4u, 2 * std::thread::hardware_concurrency())); }
 
 // What a lock protects: two words that are equal outside the critical section, and a count of passages.
 struct Guarded {
@@ -57,10 +54,7 @@ bool pass(Guarded& guarded, long mark, Between between)
 }
 
 // Keeps the compiler from carrying the guarded words over in registers.
-void forgetMemory()
-{
-    __atomic_signal_fence(__ATOMIC_SEQ_CST);
-}
+void forgetMemory() { __atomic_signal_fence(__ATOMIC_SEQ_CST); }
 
 // Runs body(i) in `count` threads, which start when all of them are there, and returns the sum of the results.
 template <class Body>

@@ -216,10 +216,7 @@ bool yields(long atLeast)
 
 // ---- Storage and state
 
-TEST_F(ExchangeLock, AFreshOneIsOneFreeWordAndItsSpinTime)
-{
-    EXPECT_EQ(bytesOf(lock), exchangePicture(1, 0, 0));
-}
+TEST_F(ExchangeLock, AFreshOneIsOneFreeWordAndItsSpinTime) { EXPECT_EQ(bytesOf(lock), exchangePicture(1, 0, 0)); }
 
 TEST_F(ExchangeLock, ItsBytesFollowAcquisitionReentryAndRelease)
 {
@@ -250,10 +247,7 @@ TEST_F(ExchangeLock, AnyPositiveByteIsFree)
     EXPECT_EQ(calls(Call::sched_yield), 0);
 }
 
-TEST_F(TicketLock, AFreshOneIsZero)
-{
-    EXPECT_EQ(bytesOf(lock), Bytes{});
-}
+TEST_F(TicketLock, AFreshOneIsZero) { EXPECT_EQ(bytesOf(lock), Bytes{}); }
 
 TEST_F(TicketLock, ItsBytesFollowAcquisitionReentryAndRelease)
 {
