@@ -1,0 +1,24 @@
+// The program's commands, one file each. They throw Failure; what was committed before stays committed.
+#pragma once
+
+#include <string>
+
+#include "server.h"
+
+namespace sqlhost {
+
+struct ImportOptions {
+    std::string database, table, file;
+    bool spill = false; // let SQLite write changed pages out before the commit
+};
+
+// Adds the file's rows to the table, which is made when it does not exist: all of them or none.
+void importCsv(Server& server, const ImportOptions& options);
+
+// Runs the statements of a file, or of standard input ("-"), and prints their results as tables or as CSV.
+void runSql(Server& server, const std::string& database, const std::string& file, bool asCsv);
+
+// Puts the database to work, with the statements of `file` or a workload of its own, and reports the memory in use.
+void reportMemory(Server& server, const std::string& database, const std::string& file);
+
+} // namespace sqlhost
