@@ -62,8 +62,9 @@ static_assert(sizeof(ThreadAllocator) == 32, "two arrays, the limit and the size
 // Blocks that prealloc() fills each list up to and compaction(-1) leaves in it; all 0 as shipped.
 extern int64_t preallocPattern[ThreadAllocator::kClasses];
 
-// The thread's allocator, null until ovCreateThreadAlloc.
-extern "C" KEM_THREAD_LOCAL ThreadAllocator* memoryManagementObj;
+// The thread's allocator, null until ovCreateThreadAlloc. Eight bytes of static thread-local storage: the loader keeps
+// room for so little also when the library is opened by dlopen, and a hit saves the call through a TLS descriptor.
+extern "C" [[gnu::tls_model("initial-exec")]] KEM_THREAD_LOCAL ThreadAllocator* memoryManagementObj;
 
 inline ThreadAllocator::MemList* ThreadAllocator::pop(unsigned i)
 {

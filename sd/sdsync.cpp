@@ -172,6 +172,11 @@ void waitExchange(KEM_SPINLOCK_XCHG_T& lock, Try last, KEM_THDID_T id)
     ownExchange(lock, id);
 }
 
+void yieldAfterRace(Try result)
+{
+    if (result == Try::RaceLost) sched_yield();
+}
+
 void waitTicket(KEM_SPINLOCK_TICKET_T& lock, KEM_SDATOMIC_T ticket, KEM_THDID_T id)
 {
     waitForGrant(lock, ticket, Bound::Kept);

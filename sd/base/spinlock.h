@@ -109,6 +109,17 @@ inline void releaseTicket(KEM_SPINLOCK_TICKET_T& lock)
     grantNext(lock);
 }
 
+// Takes a ticket only when it would be granted at once: no waiter stands before it.
+inline Try tryTicket(KEM_SPINLOCK_TICKET_T& lock, KEM_THDID_T id)
+{
+    KEM_SDATOMIC_T ticket = loadRelaxed(lock.lTicket);
+    if (loadRelaxed(lock.thdMasterId) == id || !granted(lock, ticket)) return Try::Held;
+    if (!__atomic_compare_exchange_n(&lock.lTicket, &ticket, ticket + 1, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
+        return Try::Held;
+    ownTicket(lock, ticket, id);
+    return Try::Taken;
+}
+
 // ---- The variant in force
 
 inline void acquire(KEM_SPINLOCK_T& lock, KEM_THDID_T id)
@@ -125,6 +136,39 @@ inline void release(KEM_SPINLOCK_T& lock)
         releaseTicket(lock.ticket);
     else
         releaseExchange(lock.xchg);
+}
+
+// ---- Passages of the library's own short ways
+//
+// A short way that tries once and leaves everything else to a function it ends in needs no stack frame. A lock it has
+// taken so has depth 1, which its release need not read back.
+
+// Held also stands for a lock that the caller has already: acquire() sorts that out.
+inline Try tryOnce(KEM_SPINLOCK_T& lock, KEM_THDID_T id)
+{
+    if (hardwareAcceleration()) return tryTicket(lock.ticket, id);
+    if (loadRelaxed(lock.xchg.thdMasterId) == id) [[unlikely]]
+        return Try::Held;
+    const Try result = tryExchange(lock.xchg);
+    if (result == Try::Taken) [[likely]]
+        ownExchange(lock.xchg, id);
+    return result;
+}
+
+// What a lost race asks for before the lock is waited for.
+void yieldAfterRace(Try result);
+
+// Releases a lock taken by tryOnce() and not re-entered since.
+inline void releaseOnce(KEM_SPINLOCK_T& lock)
+{
+    if (hardwareAcceleration()) {
+        storeRelaxed(lock.ticket.sLockCount, 0);
+        grantNext(lock.ticket);
+    } else {
+        storeRelaxed(lock.xchg.sLockCount, 0);
+        storeRelaxed(lock.xchg.thdMasterId, 0);
+        storeRelease(lock.xchg.slock, 1); // hands over: pairs with the exchange of the next owner
+    }
 }
 
 } // namespace sd

@@ -81,18 +81,22 @@ inline void* allocate(OV_MemHeap_T& heap, OV_ULONG_T capacity)
     return carve(heap, capacity);
 }
 
-inline void release(OV_MemHeap_T& heap, OV_MemAllocBlock_T* block)
+// Puts a small block on its fast bin; false leaves a larger one as it is.
+inline bool pushFast(OV_MemHeapHeader_T& header, OV_MemAllocBlock_T* block)
 {
-    OV_MemHeapHeader_T& header = heap.HeapHeader;
-    const OV_ULONG_T fast = fastBinIndex(capacityOf(block));
-    if (fast > kLastFastBin) {
-        coalesce(header, reinterpret_cast<OV_MemBin_T*>(block));
-        return;
-    }
-    poison(block + 1, capacityOf(block));
+    const OV_ULONG_T capacity = capacityOf(block);
+    const OV_ULONG_T fast = fastBinIndex(capacity);
+    if (fast > kLastFastBin) return false;
+    poison(block + 1, capacity);
     block->marker = header.FastBin[fast];
     header.FastBin[fast] = block;
     storeRelaxed(header.FastBinCount, header.FastBinCount + 1);
+    return true;
+}
+
+inline void release(OV_MemHeap_T& heap, OV_MemAllocBlock_T* block)
+{
+    if (!pushFast(heap.HeapHeader, block)) coalesce(heap.HeapHeader, reinterpret_cast<OV_MemBin_T*>(block));
 }
 
 } // namespace sd::memheap

@@ -45,24 +45,85 @@ bool obtainFromSystem(void* owner, size_t alignment, size_t size, void** result,
     return *result != nullptr;
 }
 
-[[gnu::noinline]] int requestFromSystem(void* owner, size_t alignment, size_t size, void** result, char policy)
+int requestFromSystem(void* owner, size_t alignment, size_t size, void** result, char policy)
 {
     return obtainFromSystem(owner, alignment, size, result, policy) ? 0 : exhaustedSystem(size);
 }
 
-// The whole common path of an allocation, inlined into each entry point.
-inline int request(void* owner, size_t alignment, size_t size, void** result, char policy)
+// ---- Requests through the heaps
+//
+// The common case is a leaf: it keeps nothing on the stack, tries the heap's lock once and pops a fast bin. Whatever
+// else turns up goes to one of these functions, which finish the request.
+
+int complete(void** result, size_t size, void* block)
 {
-    if (size == 0) [[unlikely]]
-        return SDSTS_INVALID_PARAM;
-    if (!heapsOn()) return requestFromSystem(owner, alignment, size, result, policy);
-    void* block = requestFromHeaps(owner, result, size);
     *result = block;
-    if (!block) [[unlikely]]
-        return exhausted(size);
-    if (bucketControl()) [[unlikely]]
-        countAllocation(size);
+    if (!block) return exhausted(size);
+    if (bucketControl()) countAllocation(size);
     return done(size);
+}
+
+[[gnu::noinline]] int reportServed(size_t size)
+{
+    if (bucketControl()) countAllocation(size);
+    return done(size);
+}
+
+[[gnu::noinline]] int requestSlowly(void** result, size_t size, OV_ULONG_T id)
+{
+    return complete(result, size, serveSlowly(id, size));
+}
+
+[[gnu::noinline]] int requestAfter(Try lost, void** result, size_t size, OV_ULONG_T id)
+{
+    yieldAfterRace(lost);
+    return requestSlowly(result, size, id);
+}
+
+// Goes on under the heap's lock, which the caller took.
+[[gnu::noinline]] int requestFromBins(void** result, size_t size, OV_ULONG_T id, OV_MemHeap_T& heap)
+{
+    void* block = memheap::carve(heap, memheap::capacityFor(static_cast<OV_ULONG_T>(size)));
+    releaseOnce(*heap.HeapHeader.SpinLock.pSpinlock);
+    noteGiven(kHeapLock);
+    return complete(result, size, block ? block : serveSlowly(id, size));
+}
+
+// Requests of no bytes, beyond the heaps' largest, while the heaps are off, or from within the building of a heap.
+[[gnu::noinline]] int requestElsewhere(void* owner, size_t alignment, size_t size, void** result, char policy)
+{
+    if (size == 0) return SDSTS_INVALID_PARAM;
+    if (!heapsOn()) return requestFromSystem(owner, alignment, size, result, policy);
+    if (size > loadRelaxed(slots.largest)) return complete(result, size, serveExternal(size));
+    return complete(result, size, requestFromHeaps(owner, result, size));
+}
+
+bool somethingToReport() { return bucketControl() || loadRelaxed(ovMemThreadHeap.MemMessage) == memmsg_warning; }
+
+[[gnu::always_inline]] inline int request(void* owner, size_t alignment, size_t size, void** result, char policy)
+{
+    if (size - 1 >= loadRelaxed(slots.largest) || (!owner && loadRelaxed(slots.builders) != 0)) [[unlikely]]
+        return requestElsewhere(owner, alignment, size, result, policy);
+    const OV_ULONG_T id = chooseSlot(owner ? owner : result);
+    const OV_ULONG_T capacity = memheap::capacityFor(static_cast<OV_ULONG_T>(size));
+    OV_MemHeap_T* heap = readyHeap(id, capacity);
+    if (!heap) [[unlikely]]
+        return requestSlowly(result, size, id);
+    KEM_SPINLOCK_T& lock = *heap->HeapHeader.SpinLock.pSpinlock;
+    if (const Try first = tryOnce(lock, currentThread()); first != Try::Taken) [[unlikely]]
+        return requestAfter(first, result, size, id);
+    noteTaken(kHeapLock);
+    void* block = nullptr;
+    if (servesSlot(*heap, id)) [[likely]] {
+        block = memheap::popFast(heap->HeapHeader, capacity);
+        if (!block) return requestFromBins(result, size, id, *heap);
+    }
+    releaseOnce(lock);
+    noteGiven(kHeapLock);
+    if (!block) [[unlikely]]
+        return requestSlowly(result, size, id);
+    *result = block;
+    return somethingToReport() ? reportServed(size) : 0;
 }
 
 } // namespace
@@ -77,7 +138,7 @@ void releaseToSystem(void* block)
 
 namespace {
 
-[[gnu::noinline]] void releaseWhileOff(void* block, size_t alignment)
+[[gnu::noinline]] int releaseWhileOff(void* block, size_t alignment)
 {
     if (mayBeFromHeaps(block))
         releaseToHeaps(block);
@@ -85,16 +146,59 @@ namespace {
         ovMemExtFreeAligned(block);
     else
         releaseToSystem(block);
+    return 0;
 }
 
-inline int giveBack(void* block, size_t alignment)
+// ---- Releases to the heaps: a leaf in the common case, as requests are
+
+[[gnu::noinline]] int releaseSlowly(void* block)
+{
+    releaseToHeaps(block);
+    return 0;
+}
+
+[[gnu::noinline]] int releaseOutside(void* block, uintptr_t marker)
+{
+    releaseExternal(block, marker);
+    return 0;
+}
+
+[[gnu::noinline]] int releaseAfter(Try lost, void* block)
+{
+    yieldAfterRace(lost);
+    return releaseSlowly(block);
+}
+
+// Goes on under the heap's lock, which the caller took.
+[[gnu::noinline]] int releaseToBins(OV_MemHeap_T& heap, OV_MemAllocBlock_T* header)
+{
+    memheap::coalesce(heap.HeapHeader, reinterpret_cast<OV_MemBin_T*>(header));
+    releaseOnce(*heap.HeapHeader.SpinLock.pSpinlock);
+    noteGiven(kHeapLock);
+    return 0;
+}
+
+[[gnu::always_inline]] inline int giveBack(void* block, size_t alignment)
 {
     if (!block) [[unlikely]]
         return SDSTS_INVALID_PARAM;
-    if (heapsOn())
-        releaseToHeaps(block);
-    else
-        releaseWhileOff(block, alignment);
+    if (!heapsOn()) [[unlikely]]
+        return releaseWhileOff(block, alignment);
+    if (const uintptr_t marker = markerOf(block); marker != 0) [[unlikely]]
+        return releaseOutside(block, marker);
+    if (bucketControl()) [[unlikely]]
+        return releaseSlowly(block);
+    OV_MemAllocBlock_T* header = memheap::blockOf(block);
+    OV_MemHeap_T* heap = header->MemHeap;
+    if (loadRelaxed(heap->ThreadHeapId) == kShortTermHeap) [[unlikely]]
+        return releaseSlowly(block);
+    KEM_SPINLOCK_T& lock = *heap->HeapHeader.SpinLock.pSpinlock;
+    if (const Try first = tryOnce(lock, currentThread()); first != Try::Taken) [[unlikely]]
+        return releaseAfter(first, block);
+    noteTaken(kHeapLock);
+    if (!memheap::pushFast(heap->HeapHeader, header)) return releaseToBins(*heap, header);
+    releaseOnce(lock);
+    noteGiven(kHeapLock);
     return 0;
 }
 
@@ -113,14 +217,14 @@ int ovMalloc(void* UniqueAddress, size_t size, void** ppvfBuf, const char*, long
     return request(UniqueAddress, 0, size, ppvfBuf, kPolicy);
 }
 
-int ovMallocPolicy(void* UniqueAddress, size_t size, void** ppvfBuf, char policy, const char*, long)
+int ovMallocPolicy(void* UniqueAddress, size_t size, void** ppvfBuf, char policy, const char* fname, long line)
 {
-    return request(UniqueAddress, 0, size, ppvfBuf, policy);
+    return ovMallocBase(UniqueAddress, 0, size, ppvfBuf, policy, fname, line);
 }
 
-int ovMallocAligned(void* UniqueAddress, size_t alignment, size_t size, void** ppvfBuf, const char*, long)
+int ovMallocAligned(void* UniqueAddress, size_t alignment, size_t size, void** ppvfBuf, const char* fname, long line)
 {
-    return request(UniqueAddress, alignment, size, ppvfBuf, kPolicy);
+    return ovMallocBase(UniqueAddress, alignment, size, ppvfBuf, kPolicy, fname, line);
 }
 
 int ovCalloc(void* UniqueAddress, long num, size_t size, void** ppvfBuf, char policy, const char*, long)
@@ -155,7 +259,10 @@ int ovFree(void* ptr, const char*, long)
     return giveBack(ptr, 0);
 }
 
-int ovFreeAligned(void* ptr, size_t alignment, const char*, long) { return giveBack(ptr, alignment); }
+int ovFreeAligned(void* ptr, size_t alignment, const char* fname, long line)
+{
+    return ovFreeBase(ptr, alignment, fname, line);
+}
 
 char* ovStrDup(const char* pStr, const char* fname, long line)
 {

@@ -9,48 +9,72 @@
 namespace sd::memsys {
 namespace {
 
-void raiseUsedMarks()
+// UsedMemory and the total as they stand once a change is counted. Under 6001.
+struct Figures {
+    OV_ULONGLONG_T used;
+    OV_ULONGLONG_T total;
+};
+
+Figures countChange(OV_ULONGLONG_T bytes)
 {
-    raiseMarks(ovMemThreadHeap.MaxUsedMarkMemory, ovMemThreadHeap.MaxUsedMemory,
-               loadRelaxed(ovMemThreadHeap.UsedMemory));
-    raiseMarks(ovMemThreadHeap.MaxTotalUsedMarkMemory, ovMemThreadHeap.MaxTotalUsedMemory, totalUsed());
+    const OV_ULONGLONG_T used = addUnlocked(ovMemThreadHeap.UsedMemory, bytes) + bytes;
+    return {used, used + loadRelaxed(ovMemThreadHeap.UsedAlignedMemory)};
 }
 
-bool beyondLimit() { return ovMemThreadHeap.MemoryLimit != 0 && totalUsed() > ovMemThreadHeap.MemoryLimit; }
+void noteEvent(OV_ULONGLONG_T total)
+{
+    storeRelaxed(ovMemThreadHeap.MemMessageUsedMemory, static_cast<OV_ULONG_T>(total));
+}
 
-void noteWarning()
+// Records the refused total and takes the change back.
+void refuse(OV_ULONGLONG_T bytes, Figures now)
+{
+    noteEvent(now.total);
+    addUnlocked(ovMemThreadHeap.UsedMemory, -bytes);
+}
+
+bool beyondLimit(Figures now) { return ovMemThreadHeap.MemoryLimit != 0 && now.total > ovMemThreadHeap.MemoryLimit; }
+
+void noteWarning(Figures now)
 {
     if (ovMemThreadHeap.MemoryLimit == 0 || loadRelaxed(ovMemThreadHeap.MemMessage) != memmsg_noerror) return;
-    if (totalUsed() <= warningLevel()) return;
-    noteShortage(0);
+    if (now.total <= warningLevel()) return;
+    noteEvent(now.total);
     storeRelaxed(ovMemThreadHeap.MemMessage, memmsg_warning);
 }
 
-// Counts what the system gave, or notes that it gave nothing; false when the block must go back.
-bool countObtained(const void* block, OV_ULONGLONG_T bytes)
+void raiseUsedMarks(Figures now)
+{
+    raiseMarks(ovMemThreadHeap.MaxUsedMarkMemory, ovMemThreadHeap.MaxUsedMemory, now.used);
+    raiseMarks(ovMemThreadHeap.MaxTotalUsedMarkMemory, ovMemThreadHeap.MaxTotalUsedMemory, now.total);
+}
+
+// Counts a block that the system gave; false when it must go back.
+bool countObtained(OV_ULONGLONG_T bytes)
 {
     Locked record(ovMemThreadHeap.SpinLock);
-    if (!block) {
-        noteShortage(0);
-    } else {
-        addUnlocked(ovMemThreadHeap.UsedMemory, bytes);
-        if (beyondLimit()) {
-            noteShortage(0);
-            addUnlocked(ovMemThreadHeap.UsedMemory, -bytes);
-            return false;
-        }
-        noteWarning();
+    const Figures now = countChange(bytes);
+    if (beyondLimit(now)) [[unlikely]] {
+        refuse(bytes, now);
+        return false;
     }
-    raiseUsedMarks();
+    noteWarning(now);
+    raiseUsedMarks(now);
     return true;
+}
+
+// The system gave nothing.
+void noteNothingObtained()
+{
+    Locked record(ovMemThreadHeap.SpinLock);
+    const Figures now = countChange(0);
+    noteEvent(now.total);
+    raiseUsedMarks(now);
 }
 
 } // namespace
 
-void noteShortage(OV_ULONGLONG_T wanted)
-{
-    storeRelaxed(ovMemThreadHeap.MemMessageUsedMemory, static_cast<OV_ULONG_T>(totalUsed() + wanted));
-}
+void noteShortage(OV_ULONGLONG_T wanted) { noteEvent(totalUsed() + wanted); }
 
 void uncount(OV_ULONGLONG_T bytes)
 {
@@ -65,22 +89,20 @@ OV_MemAllocExtBlock_T* resizeCounted(OV_MemAllocExtBlock_T* header, OV_ULONGLONG
     if (!memoryControl()) return static_cast<OV_MemAllocExtBlock_T*>(resizeSystemBlock(header, size + kExternalHeader));
     {
         Locked record(ovMemThreadHeap.SpinLock);
-        addUnlocked(ovMemThreadHeap.UsedMemory, grows);
-        if (beyondLimit()) {
-            noteShortage(0);
-            addUnlocked(ovMemThreadHeap.UsedMemory, -grows);
+        const Figures now = countChange(grows);
+        if (beyondLimit(now)) {
+            refuse(grows, now);
             return nullptr;
         }
     }
     void* resized = resizeSystemBlock(header, size + kExternalHeader);
     Locked record(ovMemThreadHeap.SpinLock);
-    if (resized) {
-        noteWarning();
-    } else {
-        noteShortage(0);
-        addUnlocked(ovMemThreadHeap.UsedMemory, -grows);
-    }
-    raiseUsedMarks();
+    const Figures now = countChange(0);
+    if (resized)
+        noteWarning(now);
+    else
+        refuse(grows, now);
+    raiseUsedMarks(countChange(0));
     return static_cast<OV_MemAllocExtBlock_T*>(resized);
 }
 
@@ -93,7 +115,11 @@ void* ovMemExtLockMalloc(long size)
     const auto bytes = static_cast<OV_ULONGLONG_T>(size);
     void* block = ovMemExtMalloc(bytes, kPolicy);
     if (!memoryControl()) return block;
-    if (!sd::memsys::countObtained(block, bytes)) {
+    if (!block) [[unlikely]] {
+        noteNothingObtained();
+        return nullptr;
+    }
+    if (!countObtained(bytes)) [[unlikely]] {
         ovMemExtFree(block);
         return nullptr;
     }

@@ -64,23 +64,27 @@ void noteGiven(OV_ULONG_T number);
 // Holds one of the manager's locks for a scope. Without thread heaps the locks do not exist and nothing is taken.
 class Locked {
 public:
-    explicit Locked(OV_SPINLOCK_T& lock, KEM_THDID_T id = currentThread()) : lock_(lock)
+    explicit Locked(const OV_SPINLOCK_T& lock, KEM_THDID_T id = currentThread())
+        : lock_(lock.pSpinlock), number_(lock.slkno)
     {
-        if (!lock_.pSpinlock) return;
-        noteTaken(lock_.slkno);
-        acquire(*lock_.pSpinlock, id);
+        if (!lock_) [[unlikely]]
+            return;
+        noteTaken(number_);
+        acquire(*lock_, id);
     }
     ~Locked()
     {
-        if (!lock_.pSpinlock) return;
-        release(*lock_.pSpinlock);
-        noteGiven(lock_.slkno);
+        if (!lock_) [[unlikely]]
+            return;
+        release(*lock_);
+        noteGiven(number_);
     }
     Locked(const Locked&) = delete;
     Locked& operator=(const Locked&) = delete;
 
 private:
-    OV_SPINLOCK_T& lock_;
+    const KEM_PSPINLOCK_T lock_;
+    const OV_ULONG_T number_;
 };
 
 // ---- Configuration
@@ -99,21 +103,24 @@ constexpr OV_LONG_T kSpareHeaps = 8;             // heaps in the pool after star
 // The heaps stood at some time: blocks of theirs may still come back.
 extern bool heapsHaveStood;
 
-// What the choice of a slot reads, on a cache line of its own: the record's counters change all the time.
+// What every request reads first, on a cache line of its own: the record's counters change all the time. Closing the
+// slots leaves count and reciprocal, so that a request on its way still finds a slot.
 struct alignas(64) Slots {
-    OV_ULONG_T count;      // NumThreadHeaps while the heaps stand, else 0
+    OV_ULONG_T largest;    // the largest request that the heaps serve: MaxAllocBlock while they stand, else 0
+    OV_ULONG_T count;      // NumThreadHeaps
     OV_ULONG_T reciprocal; // 2^32 / count, rounded up: n mod count by multiplication for n below 2^11
-    OV_ULONG_T largest;    // MaxAllocBlock
+    OV_ULONG_T builders;   // threads that build a heap right now
     // The window of malloc_count that was last seen: its first count << 6 | its prime's index. One word, so that it is
     // never seen half; a stale one is renewed by whoever notices.
     OV_ULONGLONG_T window;
+    bool open;
 };
 
 extern Slots slots;
 
 // Whether requests take the road through the heaps. They do only when start-up has built everything, so that what
 // start-up itself allocates takes the road for thread heaps off. NumThreadHeaps says what the interface promises.
-inline bool heapsOn() { return loadRelaxed(slots.count) != 0; }
+inline bool heapsOn() { return loadRelaxed(slots.open); }
 
 // Links a heap at the tail of the pool's circle. Under 6002, or at start-up.
 void addToPool(OV_MemHeap_T* heap);

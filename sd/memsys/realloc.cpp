@@ -59,13 +59,13 @@ void* resizeInHeaps(void* owner, void* block, size_t size)
     if (marker != 0) {
         OV_MemAllocExtBlock_T* header = externalHeader(block);
         if (bucketControl()) countRelease(header->size);
-        if (size > slots.largest) return resizeExternal(owner, header, size);
+        if (size > loadRelaxed(slots.largest)) return resizeExternal(owner, header, size);
         return move(owner, block, header->size, size);
     }
     OV_MemAllocBlock_T* header = memheap::blockOf(block);
     const OV_ULONG_T capacity = memheap::capacityOf(header);
     if (bucketControl()) countRelease(capacity);
-    if (size <= slots.largest) {
+    if (size <= loadRelaxed(slots.largest)) {
         if (void* resized = resizeInHeap(header, block, size)) {
             if (bucketControl()) countAllocation(size);
             return resized;

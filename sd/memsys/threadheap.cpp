@@ -71,14 +71,18 @@ OV_ULONGLONG_T renewWindow(OV_ULONGLONG_T count)
 
 void openSlots()
 {
-    const auto count = static_cast<OV_ULONG_T>(ovMemThreadHeap.NumThreadHeaps);
-    slots.reciprocal = reciprocalOf(count);
-    slots.largest = ovMemThreadHeap.MaxAllocBlock;
+    slots.count = static_cast<OV_ULONG_T>(ovMemThreadHeap.NumThreadHeaps);
+    slots.reciprocal = reciprocalOf(slots.count);
+    storeRelaxed(slots.largest, ovMemThreadHeap.MaxAllocBlock);
     storeRelaxed(heapsHaveStood, true);
-    storeRelaxed(slots.count, count);
+    storeRelaxed(slots.open, true);
 }
 
-void closeSlots() { storeRelaxed(slots.count, 0); }
+void closeSlots()
+{
+    storeRelaxed(slots.open, false);
+    storeRelaxed(slots.largest, 0);
+}
 
 bool buildingHeap() { return building; }
 
@@ -217,7 +221,9 @@ OV_MemHeap_T* obtainHeap(OV_LONG_T id, OV_MemHeap_T* full)
 void* serveFromNewHeap(OV_LONG_T id, OV_ULONG_T capacity, OV_MemHeap_T* heap)
 {
     building = true;
+    __atomic_fetch_add(&slots.builders, 1, __ATOMIC_RELAXED); // read by this thread alone to any effect
     ovMemHeapInit(heap, TRUE);
+    __atomic_fetch_sub(&slots.builders, 1, __ATOMIC_RELAXED);
     building = false;
     void* block = allocate(*heap, capacity); // nobody else can reach the heap yet
     publish(id, heap);
@@ -263,9 +269,10 @@ void* tryOtherSlots(OV_LONG_T id, OV_ULONG_T capacity)
 
 } // namespace
 
-void* serveSlowly(OV_ULONG_T slot, OV_ULONG_T capacity, OV_ULONGLONG_T bytes)
+void* serveSlowly(OV_ULONG_T slot, OV_ULONGLONG_T bytes)
 {
     const auto id = static_cast<OV_LONG_T>(slot);
+    const OV_ULONG_T capacity = memheap::capacityFor(static_cast<OV_ULONG_T>(bytes));
     for (;; yield()) {
         OV_MemHeap_T* heap;
         if (void* block = trySlot(id, capacity, heap)) return block;
@@ -276,6 +283,34 @@ void* serveSlowly(OV_ULONG_T slot, OV_ULONG_T capacity, OV_ULONGLONG_T bytes)
         if (void* block = tryOtherSlots(id, capacity)) return block;
         return serveExternal(bytes);
     }
+}
+
+void* requestFromHeaps(void* owner, void* instead, OV_ULONGLONG_T bytes)
+{
+    if (bytes > loadRelaxed(slots.largest)) return serveExternal(bytes);
+    if (!owner) {
+        if (buildingHeap()) return serveExternal(bytes);
+        owner = instead;
+    }
+    return serveSlowly(chooseSlot(owner), bytes);
+}
+
+void releaseToHeaps(void* block)
+{
+    const uintptr_t marker = markerOf(block);
+    if (marker != 0) {
+        releaseExternal(block, marker);
+        return;
+    }
+    OV_MemAllocBlock_T* header = memheap::blockOf(block);
+    OV_MemHeap_T* heap = header->MemHeap;
+    if (bucketControl()) countRelease(memheap::capacityOf(header));
+    if (loadRelaxed(heap->ThreadHeapId) == kShortTermHeap) {
+        memheap::release(*heap, header);
+        return;
+    }
+    Locked lock(heap->HeapHeader.SpinLock);
+    memheap::release(*heap, header);
 }
 
 // ---- Blocks outside heaps

@@ -1,5 +1,5 @@
-// The road of a request through the thread heaps: the choice of a slot and the short way through its heap, inlined into
-// the entry points (alloc.cpp); everything else lies in threadheap.cpp.
+// The road of a request through the thread heaps. The choice of a slot and the look at its heap are inlined into the
+// entry points (alloc.cpp), which finish the common case themselves; everything else lies in threadheap.cpp.
 //
 // A slot is chosen by hashing the owning address with one of 50 primes, so that threads tend to different heaps; the
 // prime changes every 10,000 allocations, so that they spread anew. Heap[], HeapCopy[] and ThreadHeapId are read
@@ -61,66 +61,41 @@ void linkShortTerm(OV_MemAllocExtBlock_T*& head, OV_MemAllocExtBlock_T* header);
 // Releases as while the thread heaps are off; in alloc.cpp.
 void releaseToSystem(void* block);
 
-// Steps behind the short way; in threadheap.cpp.
-void* serveSlowly(OV_ULONG_T id, OV_ULONG_T capacity, OV_ULONGLONG_T bytes);
-void* serveExternal(OV_ULONGLONG_T bytes);
-void releaseExternal(void* block, uintptr_t marker);
-// True while this thread builds a heap. What it requests meanwhile must not wait for the slot that it keeps closed.
-bool buildingHeap();
-
-// The owning address of a request: the caller's, or the address of its result variable.
-// Only a request without an owner can come from inside the building of a heap, so only it asks.
-inline void* requestFromHeaps(void* owner, void* instead, OV_ULONGLONG_T bytes)
+// The slot that serves an owner's next request; counts the request.
+inline OV_ULONG_T chooseSlot(const void* owner)
 {
-    if (bytes > slots.largest) [[unlikely]]
-        return serveExternal(bytes);
-    if (!owner) [[unlikely]] {
-        if (buildingHeap()) return serveExternal(bytes);
-        owner = instead;
-    }
     const OV_ULONGLONG_T count = addUnlocked(ovMemThreadHeap.malloc_count, 1);
-    const OV_ULONG_T id =
-        slotFor(primeFor(count), reinterpret_cast<OV_ULONGLONG_T>(owner), slots.count, slots.reciprocal);
-    const OV_ULONG_T capacity = memheap::capacityFor(static_cast<OV_ULONG_T>(bytes));
+    return slotFor(primeFor(count), reinterpret_cast<OV_ULONGLONG_T>(owner), slots.count, slots.reciprocal);
+}
 
+// The heap of a slot when a look under its lock is worth it, else null: the slot is empty or being switched, or its
+// heap has no room.
+inline OV_MemHeap_T* readyHeap(OV_ULONG_T id, OV_ULONG_T capacity)
+{
     // Pairs with the release store that publishes a heap in its slot.
     OV_MemHeap_T* heap = loadAcquire(ovMemThreadHeap.Heap[id]);
-    if (heap && heap == loadRelaxed(ovMemThreadHeap.HeapCopy[id]) && memheap::canServe(*heap, capacity)) [[likely]] {
-        KEM_SPINLOCK_T& lock = *heap->HeapHeader.SpinLock.pSpinlock;
-        noteTaken(kHeapLock);
-        acquire(lock, currentThread());
-        void* block = loadRelaxed(heap->ThreadHeapId) == static_cast<OV_LONG_T>(id) ? memheap::allocate(*heap, capacity)
-                                                                                    : nullptr;
-        release(lock);
-        noteGiven(kHeapLock);
-        if (block) [[likely]]
-            return block;
-    }
-    return serveSlowly(id, capacity, bytes);
+    if (!heap || heap != loadRelaxed(ovMemThreadHeap.HeapCopy[id]) || !memheap::canServe(*heap, capacity))
+        return nullptr;
+    return heap;
 }
 
-inline void releaseToHeaps(void* block)
+inline bool servesSlot(const OV_MemHeap_T& heap, OV_ULONG_T id)
 {
-    const uintptr_t marker = markerOf(block);
-    if (marker != 0) [[unlikely]] {
-        releaseExternal(block, marker);
-        return;
-    }
-    OV_MemAllocBlock_T* header = memheap::blockOf(block);
-    OV_MemHeap_T* heap = header->MemHeap;
-    if (bucketControl()) [[unlikely]]
-        countRelease(memheap::capacityOf(header));
-    if (loadRelaxed(heap->ThreadHeapId) == kShortTermHeap) [[unlikely]] {
-        memheap::release(*heap, header);
-        return;
-    }
-    KEM_SPINLOCK_T& lock = *heap->HeapHeader.SpinLock.pSpinlock;
-    noteTaken(kHeapLock);
-    acquire(lock, currentThread());
-    memheap::release(*heap, header);
-    release(lock);
-    noteGiven(kHeapLock);
+    return loadRelaxed(heap.ThreadHeapId) == static_cast<OV_LONG_T>(id);
 }
+
+// A request and a release through the heaps, by every step; `instead` stands for an owner that is null.
+void* requestFromHeaps(void* owner, void* instead, OV_ULONGLONG_T bytes);
+void releaseToHeaps(void* block);
+
+// Steps of these two.
+void* serveSlowly(OV_ULONG_T id, OV_ULONGLONG_T bytes);
+void* serveExternal(OV_ULONGLONG_T bytes);
+void releaseExternal(void* block, uintptr_t marker);
+
+// True while this thread builds a heap. What it requests meanwhile must not wait for the slot that it keeps closed.
+// Such requests have no owner, so only requests without one ask.
+bool buildingHeap();
 
 // ---- Blocks that cross the switch between thread heaps off and on
 
