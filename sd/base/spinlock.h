@@ -158,7 +158,7 @@ inline Try tryOnce(KEM_SPINLOCK_T& lock, KEM_THDID_T id)
 // What a lost race asks for before the lock is waited for.
 void yieldAfterRace(Try result);
 
-// Releases a lock taken by tryOnce() and not re-entered since.
+// Releases a lock that was taken once: by tryOnce(), or by acquire() of a thread that did not hold it.
 inline void releaseOnce(KEM_SPINLOCK_T& lock)
 {
     if (hardwareAcceleration()) {

@@ -157,7 +157,7 @@ namespace {
     return 0;
 }
 
-[[gnu::noinline]] int releaseOutside(void* block, uintptr_t marker)
+[[gnu::noinline, gnu::flatten]] int releaseOutside(void* block, uintptr_t marker)
 {
     releaseExternal(block, marker);
     return 0;

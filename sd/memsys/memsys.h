@@ -61,7 +61,8 @@ void noteTaken(OV_ULONG_T number);
 void noteGiven(OV_ULONG_T number);
 #endif
 
-// Holds one of the manager's locks for a scope. Without thread heaps the locks do not exist and nothing is taken.
+// Holds one of the manager's locks for a scope; no scope takes a lock that the thread holds already. Without thread
+// heaps the locks do not exist and nothing is taken.
 class Locked {
 public:
     explicit Locked(const OV_SPINLOCK_T& lock, KEM_THDID_T id = currentThread())
@@ -76,7 +77,7 @@ public:
     {
         if (!lock_) [[unlikely]]
             return;
-        release(*lock_);
+        releaseOnce(*lock_);
         noteGiven(number_);
     }
     Locked(const Locked&) = delete;

@@ -55,7 +55,7 @@ void* move(void* owner, void* block, OV_ULONGLONG_T capacity, size_t size)
 void* resizeInHeaps(void* owner, void* block, size_t size)
 {
     const uintptr_t marker = markerOf(block);
-    if (isSystemMarker(marker)) return resizeSystemBlock(block, size);
+    if (isSystemBlock(block, marker)) return resizeSystemBlock(block, size);
     if (marker != 0) {
         OV_MemAllocExtBlock_T* header = externalHeader(block);
         if (bucketControl()) countRelease(header->size);

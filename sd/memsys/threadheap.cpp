@@ -351,7 +351,7 @@ void linkShortTerm(OV_MemAllocExtBlock_T*& head, OV_MemAllocExtBlock_T* header)
 
 void releaseExternal(void* block, uintptr_t marker)
 {
-    if (isSystemMarker(marker)) {
+    if (isSystemBlock(block, marker)) {
         releaseToSystem(block);
         return;
     }

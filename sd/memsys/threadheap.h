@@ -99,17 +99,26 @@ bool buildingHeap();
 
 // ---- Blocks that cross the switch between thread heaps off and on
 
-// A block released or resized while the heaps are on whose marker is neither a heap block's, nor ours, nor can be the
-// address of a list head: it was made while they were off.
-constexpr bool isSystemMarker(uintptr_t marker)
+// What can be the address of a list head or of a block: a context or a heap, never in the lowest 4 MiB, where no
+// program is loaded, nor beyond the user's half of the address space.
+constexpr bool mayBeAddress(uintptr_t word)
 {
-    constexpr uintptr_t kLowestAddress = 65536;
-    constexpr uintptr_t kBeyondAddresses = uintptr_t{1} << 47;
-    if (marker == 0 || marker == kExternalMarker) return false;
-    return (marker & 7) != 0 || marker < kLowestAddress || marker >= kBeyondAddresses;
+    constexpr uintptr_t kLowest = uintptr_t{4} << 20;
+    constexpr uintptr_t kBeyond = uintptr_t{1} << 47;
+    return word % 8 == 0 && word >= kLowest && word < kBeyond;
 }
-static_assert(!isSystemMarker(0) && !isSystemMarker(kExternalMarker) && !isSystemMarker(0x7ffe00001230));
-static_assert(isSystemMarker(0x4002000000000007) && isSystemMarker(0x0801000000000000) && isSystemMarker(0x31));
+static_assert(mayBeAddress(0x7ffe00001230) && !mayBeAddress(0x31) && !mayBeAddress(0x186b0));
+static_assert(!mayBeAddress(0x4002000000000007) && !mayBeAddress(0x0801000000000000) && !mayBeAddress(kExternalMarker));
+
+// A block released or resized while the heaps are on that is neither a heap's nor an external one of ours: it was made
+// while they were off. Such a block has a header whose policy makes the marker no address, or, without the memory
+// manager, the system allocator's own words before it: its size, with flags in the low bits unless the block before it
+// is free, and in front of that then the free block's size, where an external block has its link.
+inline bool isSystemBlock(void* block, uintptr_t marker)
+{
+    if (marker == 0 || marker == kExternalMarker) return false;
+    return !mayBeAddress(marker) || !mayBeAddress(reinterpret_cast<uintptr_t>(externalHeader(block)->next));
+}
 
 // A block released or resized while the heaps are off, although they once were on: one of theirs?
 bool isFromHeaps(void* block);

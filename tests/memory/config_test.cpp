@@ -66,7 +66,8 @@ std::string directoryOfLength(const TempDir& dir, size_t length)
     std::string path = dir.path();
     while (path.size() < length) {
         const size_t left = length - path.size() - 1;
-        path += "/" + std::string(left > 202 ? 200 : left, 'd');
+        path += '/';
+        path.append(left > 202 ? 200 : left, 'd');
     }
     std::filesystem::create_directories(path + "/bin");
     return path;

@@ -310,6 +310,18 @@ TEST_P(CrossingBlocks, MadeBeforeTheHeapsIsReleasedAndResizedAfter)
     EXPECT_EQ(liveBlocks(), live - 10);
 }
 
+TEST_P(CrossingBlocks, SystemBlockBehindAFreeOneIsNotTakenForAListsMember)
+{
+    // Neighbours in the system allocator: once the first is free, the second's own words carry no flags.
+    void* first = filled(nullptr, 100000);
+    void* second = filled(nullptr, 100000);
+    void* guard = filled(nullptr, 100);
+    start();
+    EXPECT_EQ(give(first), 0);
+    EXPECT_EQ(give(second), 0);
+    EXPECT_EQ(give(guard), 0);
+}
+
 TEST_P(CrossingBlocks, HeapsOfAnEarlierStartStillTakeTheirBlocksBack)
 {
     start();
