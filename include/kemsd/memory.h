@@ -145,9 +145,29 @@ typedef struct OV_MemHeap_T {
 
 KEM_STATIC_ASSERT(offsetof(OV_MemHeap_T, HeapBuffer) % 8 == 0, "blocks are 8-byte aligned");
 
+/* Makes a heap of the region that begins at MemHeap: HeapSize bytes of the manager's record with a spinlock (6005) when
+ * LongTermHeap is TRUE, else ShortHeapSize bytes without one. The whole region must be the caller's; 8-byte aligned.
+ * The heap lives until the region is released; the lock is not destroyed with it.
+ *
+ *     OV_MemHeap_T* heap = region;                    // ShortHeapSize bytes
+ *     ovMemHeapInit(heap, FALSE);
+ *     void* block = ovMemHeapMalloc(heap, 100);
+ *     ovMemHeapFree(heap, block);
+ *
+ * The calls take no lock: each is made under the heap's own, or by the heap's only user. */
 KEM_API void ovMemHeapInit(OV_MemHeap_T* MemHeap, OV_BOOL_T LongTermHeap);
+
+/* A block of at least `bytes` bytes, 8-byte aligned; 0 to 24 bytes take the same smallest block. Null when the heap has
+ * no room, or for more than 0xFFFFFFC0 bytes: nothing has changed then, but that released blocks may have been joined.
+ */
 KEM_API void* ovMemHeapMalloc(OV_MemHeap_T* MemHeap, OV_ULONG_T bytes);
+
+/* Releases a block of this heap. Anything but a live block of it damages the heap; a damaged free list that is met
+ * later ends the process. */
 KEM_API void ovMemHeapFree(OV_MemHeap_T* MemHeap, void* block);
+
+/* Resizes a block of this heap: in place when it shrinks, else by moving it within the heap. Null when there is no
+ * room: the block is untouched. */
 KEM_API void* ovMemHeapRealloc(OV_MemHeap_T* MemHeap, void* block, OV_ULONG_T bytes);
 
 /* ---- The memory manager's record -------------------------------------------------------------------------------- */
@@ -287,21 +307,53 @@ KEM_API void ovMemThreadHeapTerm(void);
 KEM_API void ovMemSetThreadContext(void* tctxp);
 KEM_API void ovMemResetThreadContext(void);
 
-/* ---- Allocation ------------------------------------------------------------------------------------------------- */
+/* ---- Allocation -------------------------------------------------------------------------------------------------
+ * The calls the whole server uses, from any thread. UniqueAddress is the owner: the caller's thread context, or null.
+ * While the thread heaps are on it chooses the heap, so that threads tend to different ones; where it is null the
+ * address of the result variable (for ovRealloc the old block) serves instead. ovRealloc reads the owner as an
+ * OV_THDCTX_T when a short-term block cannot be resized.
+ *
+ * Statuses: 0; SDSTS_INVALID_PARAM for a size of 0 or a null block to release; SDSTS_NO_MEMORY when nothing could be
+ * obtained, which is also reported through the message call-back. A failed call never changes the caller's old block.
+ * Blocks are aligned to 8 bytes. Thread heaps may be switched on or off while blocks are out: each finds its way home.
+ */
 
+/* Stores a block of `size` bytes in *ppvfBuf. With thread heaps on, up to MaxAllocBlock bytes come from a heap, more
+ * from the system under the memory limit; alignment and policy are not used then. With thread heaps off, a non-zero
+ * alignment (a power of two, a multiple of 8) gives an aligned block without header, and policy 1 or 2 chooses the
+ * header of the others while the memory manager is on. SDSTS_INVALID_PARAM: size 0, nothing stored. SDSTS_NO_MEMORY:
+ * null stored (an aligned request leaves the place alone). */
 KEM_API int ovMallocBase(void* UniqueAddress, size_t alignment, size_t size, void** ppvfBuf, char policy,
                          const char* fname, long line);
+/* The same without alignment, policy 2. */
 KEM_API int ovMalloc(void* UniqueAddress, size_t size, void** ppvfBuf, const char* fname, long line);
+/* The same without alignment. */
 KEM_API int ovMallocPolicy(void* UniqueAddress, size_t size, void** ppvfBuf, char policy, const char* fname, long line);
+/* The same with policy 2. */
 KEM_API int ovMallocAligned(void* UniqueAddress, size_t alignment, size_t size, void** ppvfBuf, const char* fname,
                             long line);
+
+/* Stores a zero-filled block of num x size bytes. SDSTS_INVALID_PARAM: the product is 0; null is stored (ppvfBuf may be
+ * null then). SDSTS_NO_MEMORY: num is negative or the product is beyond 64 bits; null is stored. Memory that runs out
+ * is not survivable here: the fill comes before any test and ends the process. */
 KEM_API int ovCalloc(void* UniqueAddress, long num, size_t size, void** ppvfBuf, char policy, const char* fname,
                      long line);
+
+/* Resizes pvfOldBuf to `size` bytes and stores where it lies now in *ppvfNewBuf, which may be the old place. A null old
+ * block is ovMalloc. SDSTS_INVALID_PARAM: size 0, nothing stored. SDSTS_NO_MEMORY: null stored, the old block is as it
+ * was. With bucket counting on, a resize that moves counts the release twice. */
 KEM_API int ovRealloc(void* UniqueAddress, size_t size, void* pvfOldBuf, void** ppvfNewBuf, const char* fname,
                       long line);
+
+/* Releases a block of the calls above, by any thread. alignment: the one it was requested with, 0 for none.
+ * SDSTS_INVALID_PARAM: null. Works also while KemSdSetMemDeallocOption is in force. */
 KEM_API int ovFreeBase(void* ptr, size_t alignment, const char* fname, long line);
+/* The same without alignment; does nothing and returns 0 while KemSdSetMemDeallocOption is in force. */
 KEM_API int ovFree(void* ptr, const char* fname, long line);
+/* The same as ovFreeBase. */
 KEM_API int ovFreeAligned(void* ptr, size_t alignment, const char* fname, long line);
+
+/* A copy of the text with five zero bytes behind it, to be released with ovFree; null for null or without memory. */
 KEM_API char* ovStrDup(const char* pStr, const char* fname, long line);
 
 /* ---- Accounting --------------------------------------------------------------------------------------------------

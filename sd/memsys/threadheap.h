@@ -10,6 +10,7 @@
 
 #include "sd/memheap/binheap.h"
 #include "sd/memsys/limit.h"
+#include "sd/memxcpt.h"
 
 namespace sd::memsys {
 
@@ -123,6 +124,10 @@ inline bool isSystemBlock(void* block, uintptr_t marker)
 // A block released or resized while the heaps are off, although they once were on: one of theirs?
 bool isFromHeaps(void* block);
 
-inline bool mayBeFromHeaps(void* block) { return loadRelaxed(heapsHaveStood) && isFromHeaps(block); }
+// Once a fatal exception is declared nothing of the heaps is touched.
+inline bool mayBeFromHeaps(void* block)
+{
+    return loadRelaxed(heapsHaveStood) && !fatalExceptionDeclared() && isFromHeaps(block);
+}
 
 } // namespace sd::memsys
