@@ -6,13 +6,12 @@
 
 #include "sd/base/settings.h"
 #include "support/failingcalls.h"
+#include "support/systemblock.h"
 #include "support/threadheaps.h"
 
 using namespace kemsd::test;
 
 namespace {
-
-const OV_ALLOCMEMBLKHDR_T& headerOf(const void* block) { return static_cast<const OV_ALLOCMEMBLKHDR_T*>(block)[-1]; }
 
 int getBlock(size_t size, void** block) { return ovMalloc(nullptr, size, block, __FILE__, __LINE__); }
 int give(void* block) { return ovFree(block, __FILE__, __LINE__); }

@@ -20,16 +20,6 @@ protected:
 
 class NoHeader : public testing::Test {};
 
-OV_ALLOCMEMBLKHDR_T& headerOf(void* block) { return static_cast<OV_ALLOCMEMBLKHDR_T*>(block)[-1]; }
-
-void expectHeader(void* block, OV_ULONG_T poolIndex, int policy, int hlen)
-{
-    ASSERT_NE(block, nullptr);
-    EXPECT_EQ(headerOf(block).poolIndex, poolIndex);
-    EXPECT_EQ(headerOf(block).policy, policy);
-    EXPECT_EQ(headerOf(block).hlen, hlen);
-}
-
 // A block of that class whose system block holds capacity and prefix.
 void expectBlock(void* block, OV_ULONG_T poolIndex, int policy, int hlen, size_t capacity)
 {

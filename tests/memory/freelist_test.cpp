@@ -40,16 +40,6 @@ protected:
     void* allocator = nullptr;
 };
 
-OV_ALLOCMEMBLKHDR_T& headerOf(void* block) { return static_cast<OV_ALLOCMEMBLKHDR_T*>(block)[-1]; }
-
-void expectHeader(void* block, OV_ULONG_T poolIndex, int policy, int hlen)
-{
-    ASSERT_NE(block, nullptr);
-    EXPECT_EQ(headerOf(block).poolIndex, poolIndex);
-    EXPECT_EQ(headerOf(block).policy, policy);
-    EXPECT_EQ(headerOf(block).hlen, hlen);
-}
-
 class ThreadEntries : public testing::Test {
 protected:
     void SetUp() override { KemSdSetMemoryManager(TRUE); }

@@ -7,6 +7,7 @@
 
 #include "sd/memsys/memsys.h"
 #include "support/failingcalls.h"
+#include "support/messages.h"
 
 using namespace kemsd::test;
 using testing::ElementsAre;
@@ -16,34 +17,13 @@ namespace {
 
 constexpr OV_ULONG_T kBlock = KEM_BLOCK_SIZE;
 
-struct Message {
-    int number;
-    int level;
-    OV_ULONG_T first;
-    OV_ULONG_T second;
-
-    bool operator==(const Message&) const = default;
-    friend std::ostream& operator<<(std::ostream& out, const Message& m)
-    {
-        return out << m.number << " level " << m.level << ": " << m.first << ", " << m.second;
-    }
-};
-
-std::vector<Message> heard;
-
-int hear(void*, int number, int level, void* first, int, void* second, int)
-{
-    heard.push_back({number, level, *static_cast<OV_ULONG_T*>(first), *static_cast<OV_ULONG_T*>(second)});
-    return 0;
-}
-
 class TrackedMemMessages : public testing::Test {
 protected:
     void SetUp() override
     {
         ovMemThreadHeap.MemoryControl = TRUE;
         ovMemThreadHeap.MemoryLimit = OV_ULONGLONG_T{1000} * kBlock;
-        ovMemThreadHeap.fNetLocalMessage = hear;
+        ovMemThreadHeap.fNetLocalMessage = recordMessage;
         ovMemThreadHeap.tctxp = &context;
     }
     void TearDown() override
@@ -62,7 +42,7 @@ TEST_F(TrackedMemMessages, NearTheLimitTheBlockIsTrackedAndTheServerWarned)
 {
     ovMemThreadHeap.UsedAlignedMemory = OV_ULONGLONG_T{950} * kBlock;
     EXPECT_EQ(ovMemAlignedIncCounter(block, 1), 0);
-    EXPECT_THAT(heard, ElementsAre(Message{SDSTS_MEM_LIMIT_WARNING, 3, 951 * kBlock, 90}));
+    EXPECT_THAT(messages(), ElementsAre(Message{SDSTS_MEM_LIMIT_WARNING, 3, 951 * kBlock, 90}));
     ovMemAlignedDecCounter(block);
 }
 
@@ -71,20 +51,20 @@ TEST_F(TrackedMemMessages, BeyondTheLimitTheShortageCarriesUsedAndRequestedBytes
     ovMemThreadHeap.UsedAlignedMemory = OV_ULONGLONG_T{950} * kBlock;
     ovMemThreadHeap.UsedMemory = OV_ULONGLONG_T{10} * kBlock;
     EXPECT_EQ(ovMemAlignedIncCounter(block, 41), SDSTS_ALIGNED_ALLOC);
-    EXPECT_THAT(heard, ElementsAre(Message{SDSTS_MEM_LIMIT_EXCEEDED, 4, 960 * kBlock, 41 * kBlock}));
+    EXPECT_THAT(messages(), ElementsAre(Message{SDSTS_MEM_LIMIT_EXCEEDED, 4, 960 * kBlock, 41 * kBlock}));
 }
 
 TEST_F(TrackedMemMessages, SecondShortageSoonAfterIsSuppressed)
 {
     EXPECT_EQ(ovMemAlignedIncCounter(block, 1001), SDSTS_ALIGNED_ALLOC);
     EXPECT_EQ(ovMemAlignedIncCounter(block, 1001), SDSTS_ALIGNED_ALLOC);
-    EXPECT_EQ(heard.size(), 1u);
+    EXPECT_EQ(messages().size(), 1u);
 }
 
 TEST_F(TrackedMemMessages, BelowTheWarningLevelTheServerHearsNothing)
 {
     EXPECT_EQ(ovMemAlignedIncCounter(block, 900), 0); // exactly 90 per cent
-    EXPECT_THAT(heard, IsEmpty());
+    EXPECT_THAT(messages(), IsEmpty());
     ovMemAlignedDecCounter(block);
 }
 
@@ -95,7 +75,7 @@ TEST_F(TrackedMemMessages, MemoryThatTheSystemRefusesIsReportedInBlocks)
     Failing memory(Call::valloc, ENOMEM);
     void* buffer = nullptr;
     EXPECT_EQ(KemSdAlignedMemAllocWrap(nullptr, 7, &buffer), SDSTS_ALIGNED_ALLOC);
-    EXPECT_THAT(heard, ElementsAre(Message{SDSTS_MEM_LIMIT_EXCEEDED, 4, 570, 7 * kBlock}));
+    EXPECT_THAT(messages(), ElementsAre(Message{SDSTS_MEM_LIMIT_EXCEEDED, 4, 570, 7 * kBlock}));
 }
 
 TEST_F(TrackedMemMessages, WithoutALimitTheMemoryIsExhausted)
@@ -104,7 +84,7 @@ TEST_F(TrackedMemMessages, WithoutALimitTheMemoryIsExhausted)
     Failing memory(Call::valloc, ENOMEM);
     void* buffer = nullptr;
     EXPECT_EQ(KemSdAlignedMemAllocWrap(nullptr, 7, &buffer), SDSTS_ALIGNED_ALLOC);
-    EXPECT_THAT(heard, ElementsAre(Message{SDSTS_MEM_EXHAUSTED, 4, 0, 7 * kBlock}));
+    EXPECT_THAT(messages(), ElementsAre(Message{SDSTS_MEM_EXHAUSTED, 4, 0, 7 * kBlock}));
 }
 
 TEST_F(TrackedMemMessages, AFailedReallocationReportsTheNewBlocks)
@@ -115,6 +95,6 @@ TEST_F(TrackedMemMessages, AFailedReallocationReportsTheNewBlocks)
         Failing memory(Call::valloc, ENOMEM);
         EXPECT_EQ(KemSdAlignedMemReallocWrap(nullptr, 1, 9, &buffer), SDSTS_ALIGNED_ALLOC);
     }
-    EXPECT_THAT(heard, ElementsAre(Message{SDSTS_MEM_LIMIT_EXCEEDED, 4, 0, 9 * kBlock}));
+    EXPECT_THAT(messages(), ElementsAre(Message{SDSTS_MEM_LIMIT_EXCEEDED, 4, 0, 9 * kBlock}));
     EXPECT_EQ(KemSdAlignedMemFreeWrap(nullptr, buffer), 0);
 }

@@ -11,6 +11,7 @@
 
 #include "sd/memsys/memsys.h"
 #include "support/heapwalker.h"
+#include "support/messages.h"
 #include "support/tempdir.h"
 
 namespace kemsd::test {
@@ -83,29 +84,5 @@ __attribute__((no_sanitize("address"))) inline uintptr_t markerBefore(const void
 }
 
 inline OV_MemAllocExtBlock_T* externalHeaderOf(void* block) { return static_cast<OV_MemAllocExtBlock_T*>(block) - 1; }
-
-// What the message call-back was called with.
-struct Message {
-    void* netCtx;
-    int number;
-    int level;
-    OV_ULONG_T first;
-    int firstType;
-    OV_ULONG_T second;
-    int secondType;
-};
-
-inline std::vector<Message>& messages()
-{
-    static std::vector<Message> received;
-    return received;
-}
-
-inline int recordMessage(void* netCtx, int number, int level, void* first, int firstType, void* second, int secondType)
-{
-    messages().push_back({netCtx, number, level, *static_cast<OV_ULONG_T*>(first), firstType,
-                          *static_cast<OV_ULONG_T*>(second), secondType});
-    return 17;
-}
 
 } // namespace kemsd::test
