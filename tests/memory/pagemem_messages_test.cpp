@@ -42,7 +42,7 @@ TEST_F(TrackedMemMessages, NearTheLimitTheBlockIsTrackedAndTheServerWarned)
 {
     ovMemThreadHeap.UsedAlignedMemory = OV_ULONGLONG_T{950} * kBlock;
     EXPECT_EQ(ovMemAlignedIncCounter(block, 1), 0);
-    EXPECT_THAT(messages(), ElementsAre(Message{SDSTS_MEM_LIMIT_WARNING, 3, 951 * kBlock, 90}));
+    EXPECT_THAT(messages(), ElementsAre(Message{nullptr, SDSTS_MEM_LIMIT_WARNING, 3, 951 * kBlock, 90}));
     ovMemAlignedDecCounter(block);
 }
 
@@ -51,7 +51,7 @@ TEST_F(TrackedMemMessages, BeyondTheLimitTheShortageCarriesUsedAndRequestedBytes
     ovMemThreadHeap.UsedAlignedMemory = OV_ULONGLONG_T{950} * kBlock;
     ovMemThreadHeap.UsedMemory = OV_ULONGLONG_T{10} * kBlock;
     EXPECT_EQ(ovMemAlignedIncCounter(block, 41), SDSTS_ALIGNED_ALLOC);
-    EXPECT_THAT(messages(), ElementsAre(Message{SDSTS_MEM_LIMIT_EXCEEDED, 4, 960 * kBlock, 41 * kBlock}));
+    EXPECT_THAT(messages(), ElementsAre(Message{nullptr, SDSTS_MEM_LIMIT_EXCEEDED, 4, 960 * kBlock, 41 * kBlock}));
 }
 
 TEST_F(TrackedMemMessages, SecondShortageSoonAfterIsSuppressed)
@@ -75,7 +75,7 @@ TEST_F(TrackedMemMessages, MemoryThatTheSystemRefusesIsReportedInBlocks)
     Failing memory(Call::valloc, ENOMEM);
     void* buffer = nullptr;
     EXPECT_EQ(KemSdAlignedMemAllocWrap(nullptr, 7, &buffer), SDSTS_ALIGNED_ALLOC);
-    EXPECT_THAT(messages(), ElementsAre(Message{SDSTS_MEM_LIMIT_EXCEEDED, 4, 570, 7 * kBlock}));
+    EXPECT_THAT(messages(), ElementsAre(Message{nullptr, SDSTS_MEM_LIMIT_EXCEEDED, 4, 570, 7 * kBlock}));
 }
 
 TEST_F(TrackedMemMessages, WithoutALimitTheMemoryIsExhausted)
@@ -84,7 +84,7 @@ TEST_F(TrackedMemMessages, WithoutALimitTheMemoryIsExhausted)
     Failing memory(Call::valloc, ENOMEM);
     void* buffer = nullptr;
     EXPECT_EQ(KemSdAlignedMemAllocWrap(nullptr, 7, &buffer), SDSTS_ALIGNED_ALLOC);
-    EXPECT_THAT(messages(), ElementsAre(Message{SDSTS_MEM_EXHAUSTED, 4, 0, 7 * kBlock}));
+    EXPECT_THAT(messages(), ElementsAre(Message{nullptr, SDSTS_MEM_EXHAUSTED, 4, 0, 7 * kBlock}));
 }
 
 TEST_F(TrackedMemMessages, AFailedReallocationReportsTheNewBlocks)
@@ -95,6 +95,6 @@ TEST_F(TrackedMemMessages, AFailedReallocationReportsTheNewBlocks)
         Failing memory(Call::valloc, ENOMEM);
         EXPECT_EQ(KemSdAlignedMemReallocWrap(nullptr, 1, 9, &buffer), SDSTS_ALIGNED_ALLOC);
     }
-    EXPECT_THAT(messages(), ElementsAre(Message{SDSTS_MEM_LIMIT_EXCEEDED, 4, 0, 9 * kBlock}));
+    EXPECT_THAT(messages(), ElementsAre(Message{nullptr, SDSTS_MEM_LIMIT_EXCEEDED, 4, 0, 9 * kBlock}));
     EXPECT_EQ(KemSdAlignedMemFreeWrap(nullptr, buffer), 0);
 }
