@@ -68,6 +68,17 @@ protected:
         ASSERT_FALSE(sd::memheap::canServe(*heap, 24));
     }
 
+    // Waits until some thread has yielded the processor a few times.
+    static bool somebodyYielded()
+    {
+        constexpr long kLooks = 100000000;
+        for (long i = 0; i < kLooks; ++i) {
+            if (calls(Call::sched_yield) >= 3) return true;
+            sd::pauseHint();
+        }
+        return false;
+    }
+
     OV_THDCTX_T context_{};
 
 private:
@@ -170,6 +181,41 @@ TEST_F(ThreadHeaps, SpareThatFailsUnderItsLockIsPassedBy)
     ovMemHeapFree(first, small);
     void* block = take(8000, ownerOf(0));
     EXPECT_EQ(heapOf(block), second);
+    expectSoundThreadHeaps();
+}
+
+TEST_F(ThreadHeaps, SlotThatIsBeingSwitchedIsWaitedFor)
+{
+    start();
+    OV_MemHeap_T* const heap = ovMemThreadHeap.Heap[1];
+    sd::storeRelaxed(ovMemThreadHeap.HeapCopy[1], ovMemThreadHeap.MemHeapPool.MemHeap);
+    resetCalls();
+    void* block = nullptr;
+    std::thread waiter([&] { block = takeUntracked(100, ownerOf(1)); });
+    EXPECT_TRUE(somebodyYielded());
+    sd::storeRelaxed(ovMemThreadHeap.HeapCopy[1], heap);
+    waiter.join();
+    EXPECT_EQ(heapOf(block), heap);
+    expectSoundThreadHeaps();
+}
+
+TEST_F(ThreadHeaps, LoserOfASwitchYieldsAndLooksAtTheSlotAgain)
+{
+    start();
+    OV_MemHeap_T* const full = ovMemThreadHeap.Heap[1];
+    OV_MemHeap_T* const spare = ovMemThreadHeap.MemHeapPool.MemHeap;
+    fill(full);
+    sd::storeRelaxed(full->ThreadHeapId, 4095); // another thread has begun to switch the slot
+    resetCalls();
+    void* block = nullptr;
+    std::thread loser([&] { block = takeUntracked(100, ownerOf(1)); });
+    EXPECT_TRUE(somebodyYielded());
+    EXPECT_EQ(sd::loadAcquire(ovMemThreadHeap.Heap[1]), full);
+    EXPECT_EQ(ovMemThreadHeap.MemHeapPool.MemHeap, spare) << "the loser leaves the pool alone";
+    sd::storeRelease(full->ThreadHeapId, 1); // ... and has given up
+    loser.join();
+    EXPECT_EQ(heapOf(block), spare);
+    EXPECT_EQ(full->ThreadHeapId, 4095);
     expectSoundThreadHeaps();
 }
 
