@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <regex>
 #include <string_view>
 #include <vector>
@@ -253,48 +254,41 @@ void printEveryMedian(const std::vector<Load>& loads)
     printf("\n");
 }
 
-std::string quoted(std::string_view text)
+nlohmann::ordered_json orNull(double value)
 {
-    std::string out = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\') out += '\\';
-        out += static_cast<unsigned char>(c) < ' ' ? ' ' : c;
-    }
-    return out + '"';
+    if (value == 0) return nullptr;
+    return value;
 }
 
-std::string numberOrNull(double value) { return value == 0 ? "null" : number(value, "%.4f"); }
-
-std::string jsonOf(const Row& row, const Load& load)
+nlohmann::ordered_json jsonOf(const Row& row, const Load& load)
 {
-    std::string out = "    {\"load\": " + quoted(row.load);
-    out += ", \"ours_ns\": " + numberOrNull(row.ours) + ", \"floor_ns\": " + numberOrNull(row.floor);
-    out += ", \"ours_over_floor\": " + numberOrNull(row.overFloor);
-    out += ", \"floor_limit\": " + numberOrNull(row.floorLimit);
-    out += ", \"peer\": " + (row.peerName.empty() ? "null" : quoted(row.peerName));
-    out += ", \"peer_ns\": " + numberOrNull(row.peer) + ", \"ours_over_peer\": " + numberOrNull(row.overPeer);
-    out += ", \"peer_limit\": " + numberOrNull(row.peerLimit) + ", \"reached\": " + quoted(row.reached());
-    out += ",\n     \"rounds_ns\": {";
-    const char* separator = "";
-    for (const Contender& c : load.contenders) {
-        if (c.times.empty()) continue;
-        out += separator + quoted(c.name) + ": [";
-        for (const double& time : c.times) out += (&time == &c.times.front() ? "" : ", ") + number(time, "%.2f");
-        out += "]";
-        separator = ", ";
-    }
-    return out + "}}";
+    nlohmann::ordered_json rounds;
+    for (const Contender& c : load.contenders)
+        if (!c.times.empty()) rounds[c.name] = c.times;
+    return {{"load", row.load},
+            {"ours_ns", orNull(row.ours)},
+            {"floor_ns", orNull(row.floor)},
+            {"ours_over_floor", orNull(row.overFloor)},
+            {"floor_limit", orNull(row.floorLimit)},
+            {"peer", row.peerName},
+            {"peer_ns", orNull(row.peer)},
+            {"ours_over_peer", orNull(row.overPeer)},
+            {"peer_limit", orNull(row.peerLimit)},
+            {"reached", row.reached()},
+            {"rounds_ns", rounds}};
 }
 
 bool writeJson(const std::string& file, const Program& program, const std::string& command,
                const std::vector<Row>& rows, const std::vector<Load>& loads)
 {
+    nlohmann::ordered_json table = {{"program", program.name},
+                                    {"processor", processor()},
+                                    {"command", command},
+                                    {"setting", program.setting},
+                                    {"loads", nlohmann::ordered_json::array()}};
+    for (size_t i = 0; i < rows.size(); i++) table["loads"].push_back(jsonOf(rows[i], loads[i]));
     std::ofstream out(file);
-    out << "{\"program\": " << quoted(program.name) << ", \"processor\": " << quoted(processor())
-        << ", \"command\": " << quoted(command) << ",\n \"setting\": " << quoted(program.setting)
-        << ",\n \"loads\": [\n";
-    for (size_t i = 0; i < rows.size(); i++) out << jsonOf(rows[i], loads[i]) << (i + 1 < rows.size() ? ",\n" : "\n");
-    out << " ]}\n";
+    out << table.dump(1) << '\n';
     out.close();
     if (!out) fprintf(stderr, "%s: cannot write %s\n", program.name, file.c_str());
     return bool(out);
