@@ -313,9 +313,10 @@ KEM_API void ovMemResetThreadContext(void);
  * address of the result variable (for ovRealloc the old block) serves instead. ovRealloc reads the owner as an
  * OV_THDCTX_T when a short-term block cannot be resized.
  *
- * Statuses: 0; SDSTS_INVALID_PARAM for a size of 0 or a null block to release; SDSTS_NO_MEMORY when nothing could be
- * obtained, which is also reported through the message call-back. A failed call never changes the caller's old block.
- * Blocks are aligned to 8 bytes. Thread heaps may be switched on or off while blocks are out: each finds its way home.
+ * Statuses: 0; SDSTS_INVALID_PARAM for a size of 0, no place for the result or a null block to release; SDSTS_NO_MEMORY
+ * when nothing could be obtained, which is also reported through the message call-back. A failed call never changes the
+ * caller's old block. Blocks are aligned to 8 bytes. Thread heaps may be switched on or off while blocks are out: each
+ * finds its way home.
  */
 
 /* Stores a block of `size` bytes in *ppvfBuf. With thread heaps on, up to MaxAllocBlock bytes come from a heap, more

@@ -89,10 +89,11 @@ int complete(void** result, size_t size, void* block)
     return complete(result, size, block ? block : serveSlowly(id, size));
 }
 
-// Requests of no bytes, beyond the heaps' largest, while the heaps are off, or from within the building of a heap.
+// Requests of no bytes or without a place, beyond the heaps' largest, while the heaps are off, or from within the
+// building of a heap.
 [[gnu::noinline]] int requestElsewhere(void* owner, size_t alignment, size_t size, void** result, char policy)
 {
-    if (size == 0) return SDSTS_INVALID_PARAM;
+    if (size == 0 || !result) return SDSTS_INVALID_PARAM;
     if (!heapsOn()) return requestFromSystem(owner, alignment, size, result, policy);
     if (size > loadRelaxed(slots.largest)) return complete(result, size, serveExternal(size));
     return complete(result, size, requestFromHeaps(owner, result, size));
@@ -102,7 +103,7 @@ bool somethingToReport() { return bucketControl() || loadRelaxed(ovMemThreadHeap
 
 [[gnu::always_inline]] inline int request(void* owner, size_t alignment, size_t size, void** result, char policy)
 {
-    if (size - 1 >= loadRelaxed(slots.largest) || (!owner && loadRelaxed(slots.builders) != 0)) [[unlikely]]
+    if (size - 1 >= loadRelaxed(slots.largest) || !result || (!owner && loadRelaxed(slots.builders) != 0)) [[unlikely]]
         return requestElsewhere(owner, alignment, size, result, policy);
     const OV_ULONG_T id = chooseSlot(owner ? owner : result);
     const OV_ULONG_T capacity = memheap::capacityFor(static_cast<OV_ULONG_T>(size));
@@ -233,6 +234,7 @@ int ovCalloc(void* UniqueAddress, long num, size_t size, void** ppvfBuf, char po
         if (ppvfBuf) *ppvfBuf = nullptr;
         return SDSTS_INVALID_PARAM;
     }
+    if (!ppvfBuf) return SDSTS_INVALID_PARAM;
     size_t bytes;
     if (num < 0 || __builtin_mul_overflow(static_cast<size_t>(num), size, &bytes)) {
         *ppvfBuf = nullptr;

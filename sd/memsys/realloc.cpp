@@ -99,7 +99,7 @@ using namespace sd::memsys;
 int ovRealloc(void* UniqueAddress, size_t size, void* pvfOldBuf, void** ppvfNewBuf, const char* fname, long line)
 {
     if (!pvfOldBuf) return ovMalloc(UniqueAddress, size, ppvfNewBuf, fname, line);
-    if (size == 0) return SDSTS_INVALID_PARAM;
+    if (size == 0 || !ppvfNewBuf) return SDSTS_INVALID_PARAM;
     const bool on = heapsOn();
     void* resized = on ? resizeInHeaps(UniqueAddress, pvfOldBuf, size) : resizeInSystem(pvfOldBuf, size);
     *ppvfNewBuf = resized;

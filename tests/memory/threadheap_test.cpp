@@ -387,6 +387,21 @@ TEST_F(ThreadHeaps, RequestThatWrapsWithItsHeaderIsNoMemory)
     EXPECT_EQ(ovMemThreadHeap.UsedMemory, used);
 }
 
+TEST_F(ThreadHeaps, RequestWithoutAPlaceForItsResultIsInvalid)
+{
+    for (const bool on : {false, true}) {
+        if (on) start();
+        const auto count = ovMemThreadHeap.malloc_count;
+        EXPECT_EQ(ovMalloc(nullptr, 100, nullptr, __FILE__, __LINE__), SDSTS_INVALID_PARAM);
+        EXPECT_EQ(ovMallocAligned(nullptr, 64, 100, nullptr, __FILE__, __LINE__), SDSTS_INVALID_PARAM);
+        EXPECT_EQ(ovCalloc(nullptr, 10, 10, nullptr, 2, __FILE__, __LINE__), SDSTS_INVALID_PARAM);
+        void* block = take(100, ownerOf(0));
+        EXPECT_EQ(ovRealloc(nullptr, 200, block, nullptr, __FILE__, __LINE__), SDSTS_INVALID_PARAM);
+        give(block);
+        EXPECT_EQ(ovMemThreadHeap.malloc_count, count + on) << "only the one request counts";
+    }
+}
+
 TEST_F(ThreadHeaps, AlignmentAndPolicyAreNotUsed)
 {
     start();
