@@ -110,8 +110,7 @@ OV_MemAllocExtBlock_T* resizeCounted(OV_MemAllocExtBlock_T* header, OV_ULONGLONG
 
 using namespace sd::memsys;
 
-// Flattened, as the release of such a block is: a large request spends as much in calls as in the steps themselves.
-[[gnu::flatten]] void* ovMemExtLockMalloc(long size)
+void* ovMemExtLockMalloc(long size)
 {
     const auto bytes = static_cast<OV_ULONGLONG_T>(size);
     void* block = ovMemExtMalloc(bytes, kPolicy);
