@@ -212,7 +212,7 @@ void* carve(OV_MemHeap_T& heap, OV_ULONG_T capacity)
 // the sum takes the place of the block behind when that one's bin fits, and else the sum is filed anew.
 void coalesce(OV_MemHeapHeader_T& header, OV_MemBin_T* Bin)
 {
-    unpoison(Bin, kSmallestFree);
+    unpoison(at(Bin, kBlockHeader), kSmallestFree - kBlockHeader); // the links of a free block lie in the payload
     OV_MemBin_T* before = freeBefore(Bin);
     OV_MemBin_T* behind = freeBehind(header, Bin);
     OV_MemBin_T* start = before ? before : Bin;

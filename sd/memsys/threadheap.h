@@ -106,6 +106,7 @@ constexpr bool mayBeAddress(uintptr_t word)
 {
     constexpr uintptr_t kLowest = uintptr_t{4} << 20;
     constexpr uintptr_t kBeyond = uintptr_t{1} << 47;
+    if (word >> 48 != 0) return false; // policy and hlen of a header; the bytes below them were never written
     return word % 8 == 0 && word >= kLowest && word < kBeyond;
 }
 static_assert(mayBeAddress(0x7ffe00001230) && !mayBeAddress(0x31) && !mayBeAddress(0x186b0));

@@ -238,6 +238,7 @@ TEST_F(ThreadHeaps, WhenNoSpareServesANewHeapIsMadeFromTheBudget)
 
 TEST_F(ThreadHeaps, LockOfANewHeapComesFromTheSystemWhileItsSlotIsClosed)
 {
+    KemSdSetMemoryManager(TRUE); // a header before every block, so that both words can be read
     start("numthreadheaps 4 numheaps 13 heapsize 512K maxblock 64K shortmemoryoff");
     std::vector<void*> blocks;
     while (ovMemThreadHeap.NumHeaps == 1) blocks.push_back(take(60000, ownerOf(2)));

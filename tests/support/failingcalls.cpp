@@ -37,6 +37,7 @@ struct Plan {
 
 Plan plans[static_cast<size_t>(Call::count)];
 std::atomic<long> live{0};
+std::atomic<void*> newest{nullptr};
 timespec asked{};
 
 // The sweep: one count over all memory requests.
@@ -104,7 +105,10 @@ Result failedResult(Call call, Failure failure)
 // Counts a block that the system has handed out.
 void* born(void* block)
 {
-    if (block) live.fetch_add(1, std::memory_order_relaxed);
+    if (block) {
+        live.fetch_add(1, std::memory_order_relaxed);
+        newest.store(block, std::memory_order_relaxed);
+    }
     return block;
 }
 
@@ -142,6 +146,8 @@ void resetCalls()
 timespec lastSleep() { return asked; }
 
 long liveBlocks() { return live; }
+
+void* lastBlock() { return newest; }
 
 bool allocationFailed() { return requestFailed; }
 

@@ -52,6 +52,8 @@ void resetCalls();
 
 // System blocks obtained and not yet released through the wrapped calls, by all threads.
 long liveBlocks();
+// The block last obtained.
+void* lastBlock();
 
 // Fails the k-th memory request (malloc, calloc, realloc, posix_memalign, valloc or mmap, counted together) for
 // k = 1, 2, ... until the scenario runs through without meeting a failure; the scenario runs in this process and must
