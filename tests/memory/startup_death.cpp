@@ -62,7 +62,8 @@ TEST(LockOrderDeathTest, GivingALockThatIsNotHeldStopsTheProcess) { EXPECT_DEATH
 TEST(LockOrderDeathTest, LockedScopesAreWatched)
 {
     KEM_SPINLOCK_T heapWord{}, poolWord{};
-    heapWord.xchg.slock = poolWord.xchg.slock = 1;
+    heapWord.xchg.slock = 1;
+    poolWord.xchg.slock = 1;
     OV_SPINLOCK_T heap{&heapWord, kHeapLock}, pool{&poolWord, kHeapPoolLock};
     const Locked held(heap);
     EXPECT_DEATH(Locked wrong(pool), "lock order");
