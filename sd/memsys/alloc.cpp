@@ -1,8 +1,8 @@
 // The allocation entry points that the whole server uses. While the thread heaps are on, a request goes through them
 // (threadheap.h); while they are off, to the system allocator with the headers of memheap/blockheader.
 //
-// Takes no lock of its own. A failed request never changes the caller's old block. Shortage is reported through the
-// server's call-back.
+// Locks: 6005 of the heap that serves or takes back, around that step alone. A failed request changes nothing of the
+// caller's. Shortage is reported through the server's call-back.
 
 #include <cstring>
 
