@@ -211,7 +211,10 @@ TEST_F(ThreadHeaps, LoserOfASwitchYieldsAndLooksAtTheSlotAgain)
     std::thread loser([&] { block = takeUntracked(100, ownerOf(1)); });
     EXPECT_TRUE(somebodyYielded());
     EXPECT_EQ(sd::loadAcquire(ovMemThreadHeap.Heap[1]), full);
-    EXPECT_EQ(ovMemThreadHeap.MemHeapPool.MemHeap, spare) << "the loser leaves the pool alone";
+    {
+        const sd::memsys::Locked pool(ovMemThreadHeap.MemHeapPool.SpinLock);
+        EXPECT_EQ(ovMemThreadHeap.MemHeapPool.MemHeap, spare) << "the loser leaves the pool alone";
+    }
     sd::storeRelease(full->ThreadHeapId, 1); // ... and has given up
     loser.join();
     EXPECT_EQ(heapOf(block), spare);
