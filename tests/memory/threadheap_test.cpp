@@ -169,6 +169,18 @@ TEST_F(ThreadHeaps, FullHeapIsSwappedForTheFirstSpareThatServes)
     expectSoundThreadHeaps();
 }
 
+TEST_F(ThreadHeaps, SoleSpareLeavesTheFullHeapAloneInThePool)
+{
+    start();
+    OV_MemHeap_T* const full = ovMemThreadHeap.Heap[1];
+    OV_MemHeap_T* const spare = ovMemThreadHeap.MemHeapPool.MemHeap;
+    spare->next = spare->prev = spare; // the other spares are out of this test
+    fill(full);
+    void* block = take(8000, ownerOf(1));
+    EXPECT_EQ(heapOf(block), spare);
+    EXPECT_EQ(poolHeaps(), std::vector<OV_MemHeap_T*>{full});
+}
+
 TEST_F(ThreadHeaps, SpareThatFailsUnderItsLockIsPassedBy)
 {
     start();
