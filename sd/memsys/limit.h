@@ -13,6 +13,21 @@ void noteShortage(OV_ULONGLONG_T wanted);
 
 // Gives back the count of a block that has been released.
 void uncount(OV_ULONGLONG_T bytes);
+// The same with one try for the lock; what comes of it otherwise leaves it to uncount().
+inline Try uncountOnce(OV_ULONGLONG_T bytes)
+{
+    if (!memoryControl()) return Try::Taken;
+    const KEM_PSPINLOCK_T lock = ovMemThreadHeap.SpinLock.pSpinlock;
+    if (!lock) [[unlikely]]
+        return Try::Held;
+    if (const Try first = tryOnce(*lock, currentThread()); first != Try::Taken) [[unlikely]]
+        return first;
+    noteTaken(kRecordLock);
+    addUnlocked(ovMemThreadHeap.UsedMemory, -bytes);
+    releaseOnce(*lock);
+    noteGiven(kRecordLock);
+    return Try::Taken;
+}
 
 // Resizes a block of the system allocator's. Its header's policy is cleared by a failing resize, and a block so marked
 // can no longer be released; here the old block stays as good as it was, as the callers promise.

@@ -349,17 +349,32 @@ void linkShortTerm(OV_MemAllocExtBlock_T*& head, OV_MemAllocExtBlock_T* header)
     head->next = header;
 }
 
-void releaseExternal(void* block, uintptr_t marker)
+namespace {
+
+// Every step of it.
+[[gnu::noinline]] void releaseCounted(OV_MemAllocExtBlock_T* header, Try lost)
 {
-    if (isSystemBlock(block, marker)) {
-        releaseToSystem(block);
-        return;
-    }
-    OV_MemAllocExtBlock_T* header = externalHeader(block);
+    yieldAfterRace(lost);
     if (bucketControl()) countRelease(header->size);
-    if (marker != kExternalMarker) unlinkShortTerm(header);
+    if (header->marker != reinterpret_cast<void*>(kExternalMarker)) unlinkShortTerm(header);
     uncount(header->size + kExternalHeader);
     ovMemExtFree(header);
+}
+
+} // namespace
+
+// As short as the common case allows: a leaf but for the system's own release.
+void releaseExternal(void* block, uintptr_t marker)
+{
+    OV_MemAllocExtBlock_T* header = externalHeader(block);
+    if (isSystemBlock(block, marker)) [[unlikely]]
+        releaseToSystem(block);
+    else if (marker != kExternalMarker || bucketControl()) [[unlikely]]
+        releaseCounted(header, Try::Held);
+    else if (const Try first = uncountOnce(header->size + kExternalHeader); first != Try::Taken) [[unlikely]]
+        releaseCounted(header, first);
+    else
+        ovMemExtFree(header);
 }
 
 // ---- Blocks that cross the switch
