@@ -174,6 +174,8 @@ struct Malformed {
     const char* what;
     std::string csv;
     std::string sentence; // after the file's name
+
+    friend std::ostream& operator<<(std::ostream& out, const Malformed& file) { return out << file.what; }
 };
 
 class SqlHostMalformedCsv : public SqlHost, public testing::WithParamInterface<Malformed> {};

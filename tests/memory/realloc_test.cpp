@@ -283,7 +283,7 @@ TEST_F(Realloc, ResizeInPlaceCountsOneReleaseAndOneAllocation)
 
 // ---- Blocks that cross the switch
 
-class CrossingBlocks : public testing::TestWithParam<KEM_BOOL_T> {
+class CrossingBlocks : public testing::TestWithParam<bool> {
 protected:
     void SetUp() override { KemSdSetMemoryManager(GetParam()); }
     static void start() { ASSERT_EQ(startThreadHeaps(kConfiguration), 0); }
@@ -292,10 +292,12 @@ protected:
 // Without the memory manager the system allocator's own words tell where a block came from; thread sanitizer's
 // allocator keeps none in front of its blocks.
 #if defined(__SANITIZE_THREAD__)
-INSTANTIATE_TEST_SUITE_P(MemoryManager, CrossingBlocks, testing::Values(TRUE));
+constexpr bool kManagers[] = {true};
 #else
-INSTANTIATE_TEST_SUITE_P(MemoryManager, CrossingBlocks, testing::Values(FALSE, TRUE));
+constexpr bool kManagers[] = {false, true};
 #endif
+INSTANTIATE_TEST_SUITE_P(MemoryManager, CrossingBlocks, testing::ValuesIn(kManagers),
+                         [](const auto& info) { return info.param ? "On" : "Off"; });
 
 TEST_P(CrossingBlocks, MadeBeforeTheHeapsIsReleasedAndResizedAfter)
 {
