@@ -162,9 +162,8 @@ void setSlot(OV_LONG_T i, OV_MemHeap_T* heap)
 // Heaps of an earlier start are left to their blocks.
 void emptySlotsAndPool()
 {
-    retireHeaps();
+    retireHeaps(); // the pool is empty then
     for (OV_LONG_T i = 0; i < OV_MEM_SLOTS; ++i) setSlot(i, nullptr);
-    ovMemThreadHeap.MemHeapPool.MemHeap = nullptr;
 }
 
 bool buildSlots()

@@ -108,9 +108,8 @@ bool anyInCircle(OV_MemHeap_T* first, Visit visit)
     if (!first) return false;
     OV_MemHeap_T* heap = first;
     do {
-        OV_MemHeap_T* following = heap->next;
         if (visit(heap)) return true;
-        heap = following;
+        heap = heap->next;
     } while (heap != first);
     return false;
 }
@@ -259,7 +258,7 @@ Switch switchSlot(OV_LONG_T id, OV_ULONG_T capacity, OV_MemHeap_T* full)
 
 void* tryOtherSlots(OV_LONG_T id, OV_ULONG_T capacity)
 {
-    for (OV_LONG_T j = 0; j < ovMemThreadHeap.NumThreadHeaps; ++j) {
+    for (OV_LONG_T j = 0; j < static_cast<OV_LONG_T>(slots.count); ++j) {
         OV_MemHeap_T* unused;
         if (j == id) continue;
         if (void* block = trySlot(j, capacity, unused)) return block;

@@ -11,6 +11,7 @@
 #include <random>
 #include <thread>
 
+#include "support/failingcalls.h"
 #include "support/threadheaps.h"
 
 using namespace kemsd::test;
@@ -227,4 +228,31 @@ TEST(ThreadHeapStress, SmallLimitRefusesAndLosesNothing)
     OV_ULONGLONG_T allocated[16], released[16];
     ASSERT_EQ(ovMemGetUsedMemoryBlocks(1, allocated, released), 0);
     EXPECT_GT(allocated[0], 0u);
+}
+
+TEST(ThreadHeapStress, TerminationUnderRunningThreadsLosesNothing)
+{
+    KemSdSetMemoryManager(TRUE);
+    const Load load{.configuration = kPoolOfEight, .largest = 100000, .most = 100, .oneSlot = false};
+    ASSERT_EQ(startThreadHeaps(load.configuration), 0);
+    const auto used = ovMemThreadHeap.UsedMemory;
+    const long live = liveBlocks();
+    Exchange exchange;
+    std::vector<std::unique_ptr<Worker>> workers;
+    std::vector<std::thread> threads;
+    for (unsigned i = 0; i < kThreads; ++i) workers.push_back(std::make_unique<Worker>(load, exchange, i + 1));
+    for (auto& worker : workers) threads.emplace_back(&Worker::run, worker.get());
+    const OV_ULONGLONG_T before = sd::loadRelaxed(ovMemThreadHeap.malloc_count);
+    for (long i = 0; i < 100000000 && sd::loadRelaxed(ovMemThreadHeap.malloc_count) < before + 1000; ++i)
+        sd::pauseHint();
+    ovMemThreadHeapTerm();
+    for (std::thread& thread : threads) thread.join();
+    for (auto& worker : workers) EXPECT_FALSE(worker->damaged()) << "a live block has changed";
+    Block block;
+    while (exchange.take(block)) ovFree(block.at, __FILE__, __LINE__);
+    EXPECT_EQ(ovMemThreadHeap.UsedMemory, used);
+    EXPECT_EQ(liveBlocks(), live);
+    ovMemThreadHeap.NumThreadHeaps = 4; // for the walk alone
+    expectSoundThreadHeaps();
+    EXPECT_EQ(usedHeapBytes(), 0u);
 }
