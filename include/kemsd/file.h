@@ -1,9 +1,11 @@
-/* Files: descriptors opened, read, written, positioned and closed with the status convention of context.h. */
+/* Files: descriptors opened, read, written, positioned and closed with the status convention of context.h; leased
+ * writes and the pause that stops them all. */
 #ifndef KEMSD_FILE_H
 #define KEMSD_FILE_H
 
 #include <dirent.h>
 #include <kemsd/context.h>
+#include <kemsd/sync.h>
 
 KEM_EXTERN_C_BEGIN
 
@@ -162,6 +164,68 @@ typedef struct KEM_FILEFINDINFO_T {
     KEM_ULONGLONG_T fileSize;                /* bytes of a matched non-directory */
     time_t createTime;                       /* last modification of a matched non-directory */
 } KEM_FILEFINDINFO_T, *KEM_PFILEFINDINFO_T;
+
+/* ---- Leased writes and the write pause --------------------------------------------------------------------------
+ * A server stops all writing for a while, so that an outside party can copy consistent files: its writers take a lease
+ * around each write, and a pause waits until all leases are back and lets no new one out.
+ *
+ *     KemSdLeasedFilePWrite(threadContext, file, page, offset, sizeof page, &written, NULL);    // every writer
+ *
+ *     if (KemSdPauseWriteIO(threadContext, 60) == 0) {                                           // the backup
+ *         copyFiles();
+ *         KemSdUnpauseWriteIO(threadContext);
+ *     }
+ *
+ * The state is the pauseinterface of the server's service context. The server makes it so:
+ *
+ *     memset(&service, 0, sizeof service);
+ *     KemSdEventCreate(ctx, &service.pauseinterface.writeIOEvtHdl);       // events are created set:
+ *     KemSdEventClear(ctx, &service.pauseinterface.writeIOEvtHdl);        // clear both
+ *     KemSdEventCreate(ctx, &service.pauseinterface.pauseWriteIOEvtHdl);
+ *     KemSdEventClear(ctx, &service.pauseinterface.pauseWriteIOEvtHdl);
+ *     KemRWLockInit(ctx, 0, &service.pauseinterface.rwlockPauseUpdates, TRUE, RWLOCK_PAUSEUPDATES_LOCK);
+ *
+ * tctxpv is always the calling thread's OV_THDCTX_T (memory.h), whose svctxp, pSyncCtx and pSdCtx are used; null, or a
+ * null svctxp or pSyncCtx, gives SDSTS_INVALID_PARAM. Any number of writers, but one pausing party at a time. */
+
+typedef struct OV_PAUSE_INTERFACE_T {
+    volatile OV_BOOL_T bPauseWriteIO;        /* TRUE while a pause is being made or in force */
+    volatile KEM_SDATOMIC_T lBusyWriteIOCnt; /* leases out */
+    KEM_EVENTHDL_T writeIOEvtHdl;            /* cleared when the last lease comes back under a pause */
+    KEM_EVENTHDL_T pauseWriteIOEvtHdl;       /* the barrier: set while paused */
+    KEM_TIME_T lPauseTimeout;                /* longest pause in seconds; 0: without limit */
+    KEM_TIME_T lPauseStartTime;              /* when it took effect, as KemSdTime says */
+    KEM_RWLOCK_T rwlockPauseUpdates;         /* written by the pausing thread, read by waiting writers */
+} OV_PAUSE_INTERFACE_T;
+
+/* What the library reads of the server's service context; the server's own record begins with it. */
+typedef struct OV_SVCTX_T {
+    volatile OV_BOOL_T bAppTerminating; /* TRUE: waiters end the pause and go on, a pausing thread gives up */
+    OV_PAUSE_INTERFACE_T pauseinterface;
+} OV_SVCTX_T;
+
+/* Takes a lease, waiting while a pause is being made or in force. A pause that has outlived its time-out is ended by
+ * the first waiting writer that sees it, within about two seconds. The read lock's or the event's status: no lease. */
+KEM_API KEM_STS_T KemSdGetWriteIOLease(void* tctxpv);
+
+/* Gives the lease back; a thread without one changes nothing. 0, or the status of waking the pausing thread. */
+KEM_API KEM_STS_T KemSdReleaseWriteIOLease(void* tctxpv);
+
+/* Waits until no lease is out and keeps new ones from going out. A lease holder must not call it: it would wait for
+ * itself. lTimeout: see lPauseTimeout. SDSTS_WRITEIO_PAUSED: a pause is in force or being made. -1: the server is
+ * terminating; the barrier stays up, so that a terminating server writes nothing more than its writers' last leases.
+ * A failing lock, event or clock call: its status. */
+KEM_API KEM_STS_T KemSdPauseWriteIO(void* tctxpv, KEM_TIME_T lTimeout);
+
+/* Ends the pause, if there is one; any thread may. Always 0. */
+KEM_API KEM_STS_T KemSdUnpauseWriteIO(void* tctxpv);
+
+/* A lease around KemSdFileWrite or KemSdFilePWrite. The write's status, or the lease's failure: nothing is written. */
+KEM_API KEM_STS_T KemSdLeasedFileWrite(void* tctxpv, KEM_FILEHDL_T hFile, KEM_PVOID_T pvBuf, KEM_UINT_T uiCnt,
+                                       KEM_PINT_T piWritten);
+KEM_API KEM_STS_T KemSdLeasedFilePWrite(void* tctxpv, KEM_FILEHDL_T hFile, KEM_PVOID_T pvData, KEM_LONG_T lFileOffset,
+                                        KEM_UINT_T nBytesToWrite, KEM_PUINT_T pnBytesWritten,
+                                        KEM_POSRETCODE_T pOsRetCode);
 
 KEM_EXTERN_C_END
 

@@ -4,6 +4,7 @@
 
 #include <kemsd/context.h>
 #include <kemsd/file.h>
+#include <kemsd/ipc.h>
 #include <kemsd/memory.h>
 #include <kemsd/os.h>
 #include <kemsd/status.h>

@@ -187,8 +187,8 @@ typedef struct OV_THDCTX_T {
     void* NetCtx;                             /* handed to the message call-back */
     OV_MemHeap_T* MemShortHeap;               /* current short-term heap, null when none */
     OV_MemAllocExtBlock_T* MemShortExtBlocks; /* head of the circle of short-term external blocks */
-    struct OV_SVCTX_T* svctxp;
-    struct KEM_SYNCCTX_T* pSyncCtx;
+    struct OV_SVCTX_T* svctxp;                /* the service context, file.h */
+    KEM_SYNCCTX_T* pSyncCtx;                  /* its nodes of reader-writer locks */
     KEM_PSDCTX_T pSdCtx;
     OV_BOOL_T MemShortDisableFree;
     OV_BOOL_T bBusyWriteIO;

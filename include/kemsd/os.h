@@ -1,4 +1,4 @@
-/* Threads and processes, the process-wide thread-local slot, and clocks. */
+/* Threads and processes, the machine, the process-wide thread-local slot, and clocks. */
 #ifndef KEMSD_OS_H
 #define KEMSD_OS_H
 
@@ -95,6 +95,11 @@ KEM_API KEM_FUNC_M KemSdProcessDelete(KEM_PSDCTX_T pSdCtx, KEM_SESSID_T sessId, 
 KEM_API KEM_FUNC_M KemSdProcessPriorityGet(KEM_PSDCTX_T pSdCtx, KEM_PLONG_T plProcPriority);
 KEM_API KEM_FUNC_M KemSdProcessPrioritySet(KEM_PSDCTX_T pSdCtx, KEM_SESSID_T sessId, KEM_PROCID_T procId,
                                            KEM_LONG_T lProcPriority);
+
+/* ---- The machine ------------------------------------------------------------------------------------------------ */
+
+/* The number of processors online; 1 when the system does not know any. */
+KEM_API KEM_ULONG_T KemSdCPUCountGet(void);
 
 /* ---- The process-wide thread-local slot ------------------------------------------------------------------------
  * One pointer a thread. Init and Term belong to start-up and shut-down, while one thread uses the slot; Get and Set are

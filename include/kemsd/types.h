@@ -65,6 +65,9 @@ typedef int64_t KEM_SDATOMIC_T;
 /* An operating-system file descriptor; -1 is none. */
 typedef int KEM_FILEHDL_T, *KEM_PFILEHDL_T;
 
+/* The key_t of the system: under it processes find a System V object. */
+typedef __key_t KEM_IPCKEY_T;
+
 /* A thread's handle is a copy of its id; 0 is no thread. */
 typedef pthread_t KEM_THDID_T, *KEM_PTHDID_T;
 typedef pthread_t KEM_THDHDL_T, *KEM_PTHDHDL_T;

@@ -3,10 +3,6 @@
 // follow the code as it moves.
 #pragma once
 
-// The C library's assertion failure; its own header declares it only where assertions are on.
-extern "C" [[noreturn]] void __assert_fail(const char* assertion, const char* file, unsigned line,
-                                           const char* function) noexcept(true);
-
 // <assert.h> leaves its own failure function out when NDEBUG is set.
 extern "C" [[noreturn]] void __assert_fail(const char* expression, const char* file, unsigned line,
                                            const char* function) noexcept;

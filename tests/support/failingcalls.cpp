@@ -7,7 +7,11 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
+#include <semaphore.h>
+#include <sys/ipc.h>
 #include <sys/mman.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/times.h>
@@ -198,6 +202,15 @@ int __real_open(const char* path, int flags, ...);
 int __real_open64(const char* path, int flags, ...);
 
 int __real_nanosleep(const timespec* duration, timespec* rest);
+
+int __real_semctl(int id, int member, int command, ...);
+
+// The system takes the last argument, one word whatever its type, only where the command has one.
+int __wrap_semctl(int id, int member, int command, long argument)
+{
+    if (fails(Call::semctl)) return failedResult<int>(Call::semctl, Failure::Minus1);
+    return __real_semctl(id, member, command, argument);
+}
 
 int __wrap_nanosleep(const timespec* duration, timespec* rest)
 {

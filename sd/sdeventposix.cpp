@@ -1,0 +1,3 @@
+// Standard and counting events.
+
+#include <kemsd/sync.h>

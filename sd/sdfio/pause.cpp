@@ -1,0 +1,3 @@
+// Write leases and the write pause.
+
+#include <kemsd/file.h>

@@ -1,0 +1,3 @@
+// Anonymous and named pipes.
+
+#include <kemsd/ipc.h>

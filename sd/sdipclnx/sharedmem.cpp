@@ -1,0 +1,3 @@
+// Keys, flags, attaching and removing shared memory.
+
+#include <kemsd/ipc.h>

@@ -1,0 +1,3 @@
+// Lightweight and legacy spinlocks.
+
+#include <kemsd/sync.h>

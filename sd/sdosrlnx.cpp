@@ -1,0 +1,3 @@
+// What the system says about the machine.
+
+#include <kemsd/os.h>

@@ -1,0 +1,3 @@
+// The queued reader-writer lock.
+
+#include <kemsd/sync.h>

@@ -1,0 +1,3 @@
+// Mutexes, critical sections, events and counting semaphores.
+
+#include <kemsd/sync.h>

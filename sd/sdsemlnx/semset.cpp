@@ -1,0 +1,3 @@
+// Semaphore sets shared between processes.
+
+#include <kemsd/sync.h>

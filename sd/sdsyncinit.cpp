@@ -1,0 +1,3 @@
+// The calibration of the spin bound.
+
+#include <kemsd/sync.h>

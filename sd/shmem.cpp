@@ -1,0 +1,3 @@
+// Segments and the chunk exchange.
+
+#include <kemsd/ipc.h>

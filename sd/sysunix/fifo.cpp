@@ -1,0 +1,3 @@
+// The server-layer calls on FIFOs.
+
+#include <kemsd/ipc.h>
