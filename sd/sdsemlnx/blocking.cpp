@@ -68,7 +68,8 @@ Outcome lockAtOnce(KEM_MUTEXHDL_T& mutex)
     return result == EBUSY ? fail(SDSTS_MUTEX_BUSY, result) : ok(result);
 }
 
-Outcome lockInAttempts(KEM_PSDCTX_T ctx, KEM_MUTEXHDL_T& mutex, int attempts)
+// The slow ways stand apart from here on, so that the short ones save few registers.
+[[gnu::noinline]] Outcome lockInAttempts(KEM_PSDCTX_T ctx, KEM_MUTEXHDL_T& mutex, int attempts)
 {
     if (attempts == 0) return ok(); // Deliberate: success without the mutex.
     for (int remaining = attempts - 1; remaining >= 0; --remaining) {
@@ -137,23 +138,34 @@ timespec fineDeadlineIn(KEM_LONG_T milliseconds)
 // Deliberate: whole seconds and one more, so that the wait ends up to a second later than the time-out's whole seconds.
 timespec coarseDeadlineIn(KEM_LONG_T milliseconds) { return {time(nullptr) + milliseconds / 1000 + 1, 0}; }
 
-// The sleeping parts stand apart, so that passing a clear event saves no registers. Both are entered and left with the
-// event's mutex held, and return 0 or the number of a wait that failed.
+// All sleeping is done with the event's mutex held before and after, and gives 0 or the number of a wait that failed.
 
-[[gnu::noinline]] int sleepWhileSet(KEM_EVENTHDL_T& event)
+int sleepWhileSet(KEM_EVENTHDL_T& event)
 {
     int failure = 0;
     while (event.iReady == kSet && failure == 0) failure = pthread_cond_wait(&event.cond, &event.mutex);
     return failure;
 }
 
-[[gnu::noinline]] int sleepUntil(KEM_EVENTHDL_T& event, timespec deadline)
+int sleepUntil(KEM_EVENTHDL_T& event, timespec deadline)
 {
     int failure = 0;
     // Deliberate: only the end of the time ends the wait. Any other refusal is tried again, but remembered.
     while (event.iReady == kSet && failure != ETIMEDOUT)
         if (const int result = pthread_cond_timedwait(&event.cond, &event.mutex, &deadline)) failure = result;
     return failure;
+}
+
+[[gnu::noinline]] int sleepForEvent(KEM_EVENTHDL_T& event, KEM_LONG_T milliseconds)
+{
+    if (milliseconds == kNoLimit) return sleepWhileSet(event);
+    sleepUntil(event, fineDeadlineIn(milliseconds));
+    return event.iReady == kSet ? ETIMEDOUT : 0; // the event decides, however the last wait ended
+}
+
+[[gnu::noinline]] int sleepForSignal(KEM_EVENTHDL_T& event, KEM_LONG_T milliseconds)
+{
+    return milliseconds == kNoLimit ? sleepWhileSet(event) : sleepUntil(event, coarseDeadlineIn(milliseconds));
 }
 
 Outcome waited(int result)
@@ -166,16 +178,7 @@ Outcome waitForEvent(KEM_PEVENTHDL_T phEvent, KEM_LONG_T lTimeout)
 {
     if (!phEvent) return fail(SDSTS_INVALID_PARAM);
     if (const int result = pthread_mutex_lock(&phEvent->mutex)) return fail(SDSTS_EVENT_WAIT, result);
-    int failure = 0;
-    if (phEvent->iReady == kSet) {
-        if (lTimeout == kNoLimit)
-            failure = sleepWhileSet(*phEvent);
-        else {
-            sleepUntil(*phEvent, fineDeadlineIn(lTimeout));
-            // However the last wait ended, the event decides.
-            failure = phEvent->iReady == kSet ? ETIMEDOUT : 0;
-        }
-    }
+    const int failure = phEvent->iReady == kSet ? sleepForEvent(*phEvent, lTimeout) : 0;
     return waited(unlock(*phEvent, failure));
 }
 
@@ -183,9 +186,7 @@ Outcome waitForSignal(KEM_PEVENTHDL_T phEvent, KEM_LONG_T lTimeout)
 {
     if (!phEvent) return fail(SDSTS_INVALID_PARAM);
     if (const int result = pthread_mutex_lock(&phEvent->mutex)) return waited(result);
-    int failure = 0;
-    if (phEvent->iReady == kSet)
-        failure = lTimeout == kNoLimit ? sleepWhileSet(*phEvent) : sleepUntil(*phEvent, coarseDeadlineIn(lTimeout));
+    const int failure = phEvent->iReady == kSet ? sleepForSignal(*phEvent, lTimeout) : 0;
     // Deliberate: after a failed wait, a time-out included, an event that is clear by now is reported as the failure
     // and left clear for the next caller.
     if (failure == 0) phEvent->iReady = kSet;
@@ -211,7 +212,7 @@ Outcome requestAtOnce(KEM_CNTSEMHDL_T& semaphore)
 }
 
 // Deliberate: every time-out is about five seconds.
-Outcome requestInAttempts(KEM_CNTSEMHDL_T& semaphore)
+[[gnu::noinline]] Outcome requestInAttempts(KEM_CNTSEMHDL_T& semaphore)
 {
     for (int attempt = 0; attempt < kSemaphoreAttempts; ++attempt) {
         const int result = sem_trywait(&semaphore);
