@@ -99,7 +99,11 @@ void nothing() {}
 
 class Pause : public testing::Test {
 protected:
-    Pause() { cleared.clear(); }
+    Pause()
+    {
+        waits.clear();
+        cleared.clear();
+    }
     ~Pause() override { EXPECT_TRUE(meanwhile.empty()) << "waits that did not come"; }
 
     void expectNoLease(const ServerThread& thread)
