@@ -566,6 +566,7 @@ TEST_F(LeasedWrite, WaitsWhileAPauseIsInForce)
 TEST_F(LeasedWrite, WithoutALeaseWritesNothing)
 {
     ASSERT_EQ(KemSdPauseWriteIO(&pauser_.context, 0), 0);
+    resetCalls();
     Failing none(Call::malloc, ENOMEM);
     EXPECT_EQ(write(), SDSTS_NO_MEMORY);
     EXPECT_EQ(pwrite(), SDSTS_NO_MEMORY);
