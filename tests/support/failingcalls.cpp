@@ -24,6 +24,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <type_traits>
+#include <utility>
 
 namespace kemsd::test {
 namespace {
@@ -37,12 +38,30 @@ struct Plan {
     std::atomic<int> error{0};
     std::atomic<long> result{0};
     std::atomic<bool> ownResult{false};
+    std::atomic<const std::function<void()>*> meanwhile{nullptr};
 };
 
 Plan plans[static_cast<size_t>(Call::count)];
 std::atomic<long> live{0};
 std::atomic<void*> newest{nullptr};
-timespec asked{};
+
+// A time that one thread leaves and another reads.
+struct Moment {
+    std::atomic<long> seconds{0};
+    std::atomic<long> nanoseconds{0};
+
+    void store(const timespec& at)
+    {
+        seconds = at.tv_sec;
+        nanoseconds = at.tv_nsec;
+    }
+    timespec load() const { return {seconds, nanoseconds}; }
+};
+
+Moment sleepAsked;
+Moment deadlineAsked;
+Moment standing; // where the real-time clock stands still
+std::atomic<bool> standsStill{false};
 
 // The sweep: one count over all memory requests.
 std::atomic<bool> sweeping{false};
@@ -73,6 +92,7 @@ bool fails(Call call)
     const long k = p.counted.fetch_add(1) + 1;
     if (k < first || k > p.last.load()) return false;
     p.hits.fetch_add(1);
+    if (const auto* meanwhile = p.meanwhile.load()) (*meanwhile)();
     return true;
 }
 
@@ -122,9 +142,15 @@ Failing::Failing(Call call, int error) : Failing(call, error, 0, false, 1, __LON
 
 Failing::Failing(Call call, int error, long result) : Failing(call, error, result, true, 1, __LONG_MAX__) {}
 
+Failing::Failing(Call call, int error, long result, std::function<void()> meanwhile)
+    : Failing(call, error, result, true, 1, __LONG_MAX__, std::move(meanwhile))
+{}
+
 Failing Failing::nth(Call call, long k, int error) { return Failing(call, error, 0, false, k, k); }
 
-Failing::Failing(Call call, int error, long result, bool ownResult, long first, long last) : call_(call)
+Failing::Failing(Call call, int error, long result, bool ownResult, long first, long last,
+                 std::function<void()> meanwhile)
+    : call_(call), meanwhile_(std::move(meanwhile))
 {
     Plan& p = plan(call);
     p.counted = 0;
@@ -132,11 +158,16 @@ Failing::Failing(Call call, int error, long result, bool ownResult, long first, 
     p.error = error;
     p.result = result;
     p.ownResult = ownResult;
+    p.meanwhile = meanwhile_ ? &meanwhile_ : nullptr;
     p.last = last;
     p.first = first;
 }
 
-Failing::~Failing() { plan(call_).first = 0; }
+Failing::~Failing()
+{
+    plan(call_).first = 0;
+    plan(call_).meanwhile = nullptr;
+}
 
 long Failing::hits() const { return plan(call_).hits; }
 
@@ -147,7 +178,17 @@ void resetCalls()
     for (Plan& p : plans) p.seen = 0;
 }
 
-timespec lastSleep() { return asked; }
+timespec lastSleep() { return sleepAsked.load(); }
+
+timespec lastDeadline() { return deadlineAsked.load(); }
+
+ClockAt::ClockAt(time_t seconds, long nanoseconds)
+{
+    standing.store({seconds, nanoseconds});
+    standsStill = true;
+}
+
+ClockAt::~ClockAt() { standsStill = false; }
 
 long liveBlocks() { return live; }
 
@@ -203,6 +244,11 @@ int __real_open64(const char* path, int flags, ...);
 
 int __real_nanosleep(const timespec* duration, timespec* rest);
 
+int __real_pthread_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex, const timespec* deadline);
+time_t __real_time(time_t* now);
+int __real_gettimeofday(timeval* now, void* zone);
+int __real_clock_gettime(clockid_t clock, timespec* now);
+
 int __real_semctl(int id, int member, int command, ...);
 
 // The system takes the last argument, one word whatever its type, only where the command has one.
@@ -214,9 +260,40 @@ int __wrap_semctl(int id, int member, int command, long argument)
 
 int __wrap_nanosleep(const timespec* duration, timespec* rest)
 {
-    asked = *duration;
+    sleepAsked.store(*duration);
     if (fails(Call::nanosleep)) return failedResult<int>(Call::nanosleep, Failure::Minus1);
     return __real_nanosleep(duration, rest);
+}
+
+int __wrap_pthread_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex, const timespec* deadline)
+{
+    deadlineAsked.store(*deadline);
+    if (fails(Call::pthread_cond_timedwait)) return failedResult<int>(Call::pthread_cond_timedwait, Failure::Number);
+    return __real_pthread_cond_timedwait(cond, mutex, deadline);
+}
+
+time_t __wrap_time(time_t* now)
+{
+    if (fails(Call::time)) return failedResult<time_t>(Call::time, Failure::Minus1);
+    if (!standsStill) return __real_time(now);
+    if (now) *now = standing.seconds;
+    return standing.seconds;
+}
+
+int __wrap_gettimeofday(timeval* now, void* zone)
+{
+    if (fails(Call::gettimeofday)) return failedResult<int>(Call::gettimeofday, Failure::Minus1);
+    if (!standsStill) return __real_gettimeofday(now, zone);
+    *now = {standing.seconds, standing.nanoseconds / 1000};
+    return 0;
+}
+
+int __wrap_clock_gettime(clockid_t clock, timespec* now)
+{
+    if (fails(Call::clock_gettime)) return failedResult<int>(Call::clock_gettime, Failure::Minus1);
+    if (!standsStill || clock != CLOCK_REALTIME) return __real_clock_gettime(clock, now);
+    *now = standing.load();
+    return 0;
 }
 
 void* __wrap_malloc(size_t size)
