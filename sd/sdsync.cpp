@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "sd/base/spinlock.h"
+#include "sd/sdsyncinit.h"
 
 constinit OV_BOOL_T bSdHardwareAcceleration = FALSE;
 constinit int64_t KEM_SDSYNC_ENV_INITED = 0;
@@ -326,11 +327,13 @@ void KemSdSetHardwareAcceleration(KEM_BOOL_T bUseHardwareAcceleration)
 void KemSyncEnvInit(KEM_PSDCTX_T)
 {
     // Acquire: pairs with the release store below, so that who finds the environment set up finds the tunables too.
-    if (loadAcquire(KEM_SDSYNC_ENV_INITED) != 0) return;
-    // The spin bound is to be calibrated here, before anything is read; until that is built it stays as it is. The
-    // calibration starts threads, and a lock that one of them creates must not enter a second one.
+    if (loadAcquire(KEM_SDSYNC_ENV_INITED) != 0 || sd::settingUpLocks) return;
+    sd::settingUpLocks = true;
+    int64_t limit;
+    KemGetSpinUpperLimit(&limit); // Deliberate: a failure goes unsaid; the locks work with the bound as it was
     readTunables();
     if (getenv("KEM_DISPLAY_LOCKCONFIG")) printTunables();
+    sd::settingUpLocks = false;
     storeRelease(KEM_SDSYNC_ENV_INITED, 1);
 }
 
