@@ -6,6 +6,10 @@
 //     Failing odd(Call::pthread_setschedparam, EPERM, -1);    // every one, with that result
 //     Failing late(Call::nanosleep, 0, 0, [&] { post(); });   // every one; what others do meanwhile is done in it
 //     EXPECT_EQ(calls(Call::sched_yield), 1);                 // since the last resetCalls()
+//
+// or an Interrupting object lets something happen around one of them:
+//
+//     Interrupting death(Call::semop, 2, When::Before, [] { kill(getpid(), SIGKILL); });
 #pragma once
 
 #include <time.h>
@@ -47,6 +51,24 @@ private:
             std::function<void()> meanwhile = {});
     Call call_;
     std::function<void()> meanwhile_;
+};
+
+enum class When { Before, After };
+
+// Runs a function once, on the calling thread, before or after the k-th call from now on, k counted from 1. What it
+// does to errno is not seen by the caller. One object a call at a time.
+class Interrupting {
+public:
+    Interrupting(Call call, long k, When when, std::function<void()> function);
+    ~Interrupting();
+    Interrupting(const Interrupting&) = delete;
+    Interrupting& operator=(const Interrupting&) = delete;
+
+    // True when that call has come.
+    bool happened() const;
+
+private:
+    Call call_;
 };
 
 // Calls since the last resetCalls(), by all threads of the process.
