@@ -478,7 +478,7 @@ TEST_F(ExchangeLock, AWaitBeginsWithWhatTheFirstAttemptMet)
 TEST_F(TicketLock, AWaitPausesOnceBeforeItYields)
 {
     setBound(0);
-    const KEM_SDATOMIC_T ticket = sd::drawTicket(lock.ticket);
+    const KEM_SDATOMIC_T ticket = sd::drawTicket(lock.ticket.lTicket);
     sd::waitTicket(lock.ticket, ticket, kMe);
     EXPECT_EQ(calls(Call::sched_yield), 0);
     EXPECT_EQ(bytesOf(lock), ticketPicture(0, kMe, 1, 0, 1));
