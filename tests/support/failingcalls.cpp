@@ -24,9 +24,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <type_traits>
+#include <utility>
 
 namespace kemsd::test {
 namespace {
+
+constexpr long kSecond = 1000000000; // nanoseconds
 
 struct Plan {
     std::atomic<long> seen{0};    // calls since the last reset
@@ -42,7 +45,11 @@ struct Plan {
 Plan plans[static_cast<size_t>(Call::count)];
 std::atomic<long> live{0};
 std::atomic<void*> newest{nullptr};
-timespec asked{};
+std::atomic<long> asked{0}; // nanoseconds
+std::atomic<long> stray{0};
+
+std::vector<int64_t> plannedTimes; // changed while one thread runs, read by one at a time
+std::atomic<size_t> timesRead{0};
 
 // The sweep: one count over all memory requests.
 std::atomic<bool> sweeping{false};
@@ -124,6 +131,8 @@ Failing::Failing(Call call, int error, long result) : Failing(call, error, resul
 
 Failing Failing::nth(Call call, long k, int error) { return Failing(call, error, 0, false, k, k); }
 
+Failing Failing::nth(Call call, long k, int error, long result) { return Failing(call, error, result, true, k, k); }
+
 Failing::Failing(Call call, int error, long result, bool ownResult, long first, long last) : call_(call)
 {
     Plan& p = plan(call);
@@ -145,9 +154,20 @@ long calls(Call call) { return plan(call).seen; }
 void resetCalls()
 {
     for (Plan& p : plans) p.seen = 0;
+    stray = 0;
 }
 
-timespec lastSleep() { return asked; }
+timespec lastSleep() { return {asked / kSecond, asked % kSecond}; }
+
+long strayCloses() { return stray; }
+
+PlannedTimes::PlannedTimes(std::vector<int64_t> nanoseconds)
+{
+    timesRead = 0;
+    plannedTimes = std::move(nanoseconds);
+}
+
+PlannedTimes::~PlannedTimes() { plannedTimes.clear(); }
 
 long liveBlocks() { return live; }
 
@@ -214,9 +234,30 @@ int __wrap_semctl(int id, int member, int command, long argument)
 
 int __wrap_nanosleep(const timespec* duration, timespec* rest)
 {
-    asked = *duration;
+    asked = duration->tv_sec * kSecond + duration->tv_nsec;
     if (fails(Call::nanosleep)) return failedResult<int>(Call::nanosleep, Failure::Minus1);
     return __real_nanosleep(duration, rest);
+}
+
+int __real_close(int fd);
+
+int __wrap_close(int fd)
+{
+    if (fails(Call::close)) return failedResult<int>(Call::close, Failure::Minus1);
+    const int result = __real_close(fd);
+    if (result == -1 && errno == EBADF && fd != -1) stray.fetch_add(1);
+    return result;
+}
+
+int __real_clock_gettime(clockid_t clock, timespec* now);
+
+int __wrap_clock_gettime(clockid_t clock, timespec* now)
+{
+    if (fails(Call::clock_gettime)) return failedResult<int>(Call::clock_gettime, Failure::Minus1);
+    if (timesRead >= plannedTimes.size()) return __real_clock_gettime(clock, now);
+    const int64_t time = plannedTimes[timesRead++];
+    *now = {time / kSecond, time % kSecond};
+    return 0;
 }
 
 void* __wrap_malloc(size_t size)

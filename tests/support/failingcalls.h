@@ -10,7 +10,9 @@
 #include <time.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <vector>
 
 namespace kemsd::test {
 
@@ -31,6 +33,7 @@ public:
     Failing(Call call, int error, long result);
     // Only the k-th call from now on fails, k counted from 1.
     static Failing nth(Call call, long k, int error);
+    static Failing nth(Call call, long k, int error, long result);
 
     ~Failing();
     Failing(const Failing&) = delete;
@@ -49,6 +52,19 @@ long calls(Call call);
 // The duration last asked of nanosleep.
 struct timespec lastSleep();
 void resetCalls();
+
+// Closes of what was not open, -1 excepted, since the last resetCalls(): a second close of a descriptor.
+long strayCloses();
+
+// What the next readings of any clock say, in nanoseconds; after the last of them, and when the object goes, the clocks
+// are the system's again.
+class PlannedTimes {
+public:
+    explicit PlannedTimes(std::vector<int64_t> nanoseconds);
+    ~PlannedTimes();
+    PlannedTimes(const PlannedTimes&) = delete;
+    PlannedTimes& operator=(const PlannedTimes&) = delete;
+};
 
 // System blocks obtained and not yet released through the wrapped calls, by all threads.
 long liveBlocks();
