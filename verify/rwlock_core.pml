@@ -11,7 +11,7 @@
  *            for them). Default 3, both
  *   SLEEP    waiters sleep in the node's mutex and condition; else they spin
  *   SPUR     number of wake-ups without a signal that a run may see
- *   TSO      the short way's store of pWriterHead may wait in the thread's store buffer until its next locked
+ *   LATEHEAD the short way's store of pWriterHead may wait in the thread's store buffer until its next locked
  *            instruction
  *   LIFE     1: a thread that ends destroys its node; whoever touches it later is an error
  *            2: the same, the destroyer passing through the node's mutex first
@@ -51,7 +51,7 @@ bit gone[N];
 #define ALIVE(n) skip
 #endif
 
-#ifdef TSO
+#ifdef LATEHEAD
 byte headbuf = NIL;                           /* a store of pWriterHead on its way */
 #define DRAINED if :: headbuf == me -> whead = headbuf; headbuf = NIL :: else fi
 active proctype StoreBuffer() {
@@ -242,7 +242,7 @@ inline enterWriteAtOnce() {
 		:: else -> res = 0
 		fi };
 	if
-#ifdef TSO
+#ifdef LATEHEAD
 	:: res -> atomic { assert(headbuf == NIL); headbuf = me }
 #else
 	:: res -> whead = me
