@@ -5,8 +5,6 @@
 #include <kemsd/sync.h>
 #include <sched.h>
 
-#include <algorithm>
-#include <numeric>
 #include <ostream>
 #include <string>
 #include <thread>
@@ -14,24 +12,14 @@
 
 #include "sd/base/atomic.h"
 #include "support/child.h"
+#include "sync/crowd.h"
 #include "sync/waiting.h"
 
 using namespace kemsd::test;
 
 namespace {
 
-#if defined(__SANITIZE_THREAD__)
-constexpr bool kSeesRaces = true;
-constexpr long kShare = 50;
-#elif defined(__SANITIZE_ADDRESS__)
-constexpr bool kSeesRaces = false;
-constexpr long kShare = 10;
-#else
-constexpr bool kSeesRaces = false;
-constexpr long kShare = 1;
-#endif
-
-int threadCount() { return static_cast<int>(std::max(4u, 2 * std::thread::hardware_concurrency())); }
+constexpr long kShare = kSeesRaces ? 50 : kSanitized ? 10 : 1;
 
 // What a lock protects: two words that are equal outside the critical section, and a count of passages.
 struct Guarded {
@@ -55,23 +43,6 @@ bool pass(Guarded& guarded, long mark, Between between)
 
 // Keeps the compiler from carrying the guarded words over in registers.
 void forgetMemory() { __atomic_signal_fence(__ATOMIC_SEQ_CST); }
-
-// Runs body(i) in `count` threads, which start when all of them are there, and returns the sum of the results.
-template <class Body>
-long together(int count, Body body)
-{
-    int there = 0;
-    std::vector<long> results(static_cast<size_t>(count));
-    std::vector<std::thread> threads;
-    for (int i = 0; i < count; ++i)
-        threads.emplace_back([&, i] {
-            __atomic_fetch_add(&there, 1, __ATOMIC_RELAXED);
-            eventually([&] { return sd::loadRelaxed(there) == count; });
-            results[static_cast<size_t>(i)] = body(i);
-        });
-    for (std::thread& thread : threads) thread.join();
-    return std::accumulate(results.begin(), results.end(), 0L);
-}
 
 struct Load {
     const char* name;
