@@ -79,7 +79,7 @@ void endPause(OV_THDCTX_T& thread)
 // ---- Leases
 
 // The pausing thread waits for the last lease. If it has not yet begun to wait, it reads the count once more.
-KEM_STS_T wakePausingThread(KEM_PSDCTX_T ctx, OV_PAUSE_INTERFACE_T& pause)
+[[gnu::noinline]] KEM_STS_T wakePausingThread(KEM_PSDCTX_T ctx, OV_PAUSE_INTERFACE_T& pause)
 {
     return leasesOut(pause) == 0 ? KemSdEventClear(ctx, &pause.writeIOEvtHdl) : 0;
 }
@@ -136,6 +136,8 @@ KEM_STS_T waitAtBarrier(OV_THDCTX_T& thread)
     return sts;
 }
 
+// The short ways of taking a lease and giving it back end in a function for everything else, so that they need no
+// stack.
 inline KEM_STS_T takeLease(OV_THDCTX_T& thread)
 {
     countIn(thread);
