@@ -43,6 +43,8 @@ Plan plans[static_cast<size_t>(Call::count)];
 std::atomic<long> live{0};
 std::atomic<void*> newest{nullptr};
 timespec asked{};
+std::atomic<long> intervalSeconds{0};
+std::atomic<long> intervalNanoseconds{0};
 
 // The sweep: one count over all memory requests.
 std::atomic<bool> sweeping{false};
@@ -149,6 +151,8 @@ void resetCalls()
 
 timespec lastSleep() { return asked; }
 
+timespec lastInterval() { return {intervalSeconds, intervalNanoseconds}; }
+
 long liveBlocks() { return live; }
 
 void* lastBlock() { return newest; }
@@ -202,6 +206,18 @@ int __real_open(const char* path, int flags, ...);
 int __real_open64(const char* path, int flags, ...);
 
 int __real_nanosleep(const timespec* duration, timespec* rest);
+
+int __real_semtimedop(int id, sembuf* operations, size_t count, const timespec* limit);
+
+int __wrap_semtimedop(int id, sembuf* operations, size_t count, const timespec* limit)
+{
+    if (limit) {
+        intervalSeconds = limit->tv_sec;
+        intervalNanoseconds = limit->tv_nsec;
+    }
+    if (fails(Call::semtimedop)) return failedResult<int>(Call::semtimedop, Failure::Minus1);
+    return __real_semtimedop(id, operations, count, limit);
+}
 
 int __real_semctl(int id, int member, int command, ...);
 

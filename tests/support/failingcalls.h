@@ -48,6 +48,8 @@ private:
 long calls(Call call);
 // The duration last asked of nanosleep.
 struct timespec lastSleep();
+// The interval last given to semtimedop.
+struct timespec lastInterval();
 void resetCalls();
 
 // System blocks obtained and not yet released through the wrapped calls, by all threads.
