@@ -48,6 +48,10 @@ inline constexpr Target kTargets[] = {
     {"ticket/uncontended", 1.10, 1.0, "std::recursive_mutex"},
     {"exchange/2threads", 1.15, 1.10},
     {"ticket/2threads", 1.15},
+    {"lwexchange/uncontended", 1.05, 1.0, "std::recursive_mutex"},
+    {"lwticket/uncontended", 1.05, 1.0, "std::recursive_mutex"},
+    {"lwexchange/2threads", 1.15, 1.10},
+    {"lwticket/2threads", 1.15},
 
     // Files: the floor is the system call itself.
     {"pread/8KiB", 1.05},
