@@ -6,12 +6,18 @@
 //     Failing odd(Call::pthread_setschedparam, EPERM, -1);    // every one, with that result
 //     Failing late(Call::nanosleep, 0, 0, [&] { post(); });   // every one; what others do meanwhile is done in it
 //     EXPECT_EQ(calls(Call::sched_yield), 1);                 // since the last resetCalls()
+//
+// or an Interrupting object lets something happen around one of them:
+//
+//     Interrupting death(Call::semop, 2, When::Before, [] { kill(getpid(), SIGKILL); });
 #pragma once
 
 #include <time.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <vector>
 
 namespace kemsd::test {
 
@@ -34,6 +40,7 @@ public:
     Failing(Call call, int error, long result, std::function<void()> meanwhile);
     // Only the k-th call from now on fails, k counted from 1.
     static Failing nth(Call call, long k, int error);
+    static Failing nth(Call call, long k, int error, long result);
 
     ~Failing();
     Failing(const Failing&) = delete;
@@ -47,6 +54,24 @@ private:
             std::function<void()> meanwhile = {});
     Call call_;
     std::function<void()> meanwhile_;
+};
+
+enum class When { Before, After };
+
+// Runs a function once, on the calling thread, before or after the k-th call from now on, k counted from 1. What it
+// does to errno is not seen by the caller. One object a call at a time.
+class Interrupting {
+public:
+    Interrupting(Call call, long k, When when, std::function<void()> function);
+    ~Interrupting();
+    Interrupting(const Interrupting&) = delete;
+    Interrupting& operator=(const Interrupting&) = delete;
+
+    // True when that call has come.
+    bool happened() const;
+
+private:
+    Call call_;
 };
 
 // Calls since the last resetCalls(), by all threads of the process.
@@ -63,6 +88,19 @@ public:
     ~ClockAt();
     ClockAt(const ClockAt&) = delete;
     ClockAt& operator=(const ClockAt&) = delete;
+};
+
+// Closes of what was not open, -1 excepted, since the last resetCalls(): a second close of a descriptor.
+long strayCloses();
+
+// What the next readings of any clock say, in nanoseconds; after the last of them, and when the object goes, the clocks
+// are the system's again.
+class PlannedTimes {
+public:
+    explicit PlannedTimes(std::vector<int64_t> nanoseconds);
+    ~PlannedTimes();
+    PlannedTimes(const PlannedTimes&) = delete;
+    PlannedTimes& operator=(const PlannedTimes&) = delete;
 };
 
 // System blocks obtained and not yet released through the wrapped calls, by all threads.
