@@ -18,7 +18,8 @@
 namespace kemsd::bench {
 namespace {
 
-// ---- The contenders: give() lets one take() pass. They begin with nothing given, but the mutexes free.
+// ---- Ours and the floors: give() lets one take() pass. They begin with nothing given, the mutexes free. The bare
+// calls of the C library, in the place of use and with their results unread, stand as the inlined floors.
 
 struct OurMutex {
     KEM_MUTEXHDL_T mutex;
@@ -28,13 +29,13 @@ struct OurMutex {
 };
 struct FloorMutex {
     KEM_MUTEXHDL_T mutex = PTHREAD_MUTEX_INITIALIZER;
-    void take() { floorMutexRequest(&mutex); }
-    void give() { floorMutexClear(&mutex); }
+    void take() { floorMutexRequest(nullptr, &mutex); }
+    void give() { floorMutexClear(nullptr, &mutex); }
 };
-struct StdMutex {
-    std::mutex mutex;
-    void take() { mutex.lock(); }
-    void give() { mutex.unlock(); }
+struct BareMutex {
+    KEM_MUTEXHDL_T mutex = PTHREAD_MUTEX_INITIALIZER;
+    void take() { pthread_mutex_lock(&mutex); }
+    void give() { pthread_mutex_unlock(&mutex); }
 };
 
 // What is waited for is a clear event.
@@ -42,16 +43,43 @@ struct OurEvent {
     KEM_EVENTHDL_T event;
     OurEvent() { KemSdEventCreate(nullptr, &event); }
     void give() { KemSdEventClear(nullptr, &event); }
-    void wait() { KemSdEventWait(nullptr, &event, -1); }
     void withdraw() { KemSdEventSet(nullptr, &event); }
+    void wait() { KemSdEventWait(nullptr, &event, -1); }
     void take() { KemSdSignalWait(nullptr, &event, -1); }
 };
 struct FloorEvent {
     KEM_EVENTHDL_T event{PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER, 1};
-    void give() { floorEventClear(&event); }
-    void wait() { floorEventWait(&event); }
-    void withdraw() { floorEventSet(&event); }
-    void take() { floorSignalWait(&event); }
+    void give() { floorEventClear(nullptr, &event); }
+    void withdraw() { floorEventSet(nullptr, &event); }
+    void wait() { floorEventWait(nullptr, &event); }
+    void take() { floorSignalWait(nullptr, &event); }
+};
+struct BareEvent {
+    KEM_EVENTHDL_T event{PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER, 1};
+    void give()
+    {
+        pthread_mutex_lock(&event.mutex);
+        event.iReady = 0;
+        pthread_cond_broadcast(&event.cond);
+        pthread_mutex_unlock(&event.mutex);
+    }
+    void withdraw()
+    {
+        pthread_mutex_lock(&event.mutex);
+        event.iReady = 1;
+        pthread_mutex_unlock(&event.mutex);
+    }
+    void wait() { waitAndLeave(0); }
+    void take() { waitAndLeave(1); }
+
+private:
+    void waitAndLeave(KEM_LONG_T ready)
+    {
+        pthread_mutex_lock(&event.mutex);
+        while (event.iReady) pthread_cond_wait(&event.cond, &event.mutex);
+        event.iReady = ready;
+        pthread_mutex_unlock(&event.mutex);
+    }
 };
 
 struct OurStdEvent {
@@ -62,8 +90,8 @@ struct OurStdEvent {
 };
 struct FloorStdEvent {
     KEM_STDEVENT_T event{PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER, FALSE};
-    void give() { floorStdEventSet(&event); }
-    void take() { floorStdEventWait(&event); }
+    void give() { floorStdEventSet(nullptr, &event); }
+    void take() { floorStdEventWait(nullptr, &event); }
 };
 
 struct OurCountingEvent {
@@ -74,8 +102,25 @@ struct OurCountingEvent {
 };
 struct FloorCountingEvent {
     KEM_COUNTINGEVENT_T event{PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER, 0};
-    void give() { floorCountingEventSet(&event); }
-    void take() { floorCountingEventWait(&event); }
+    void give() { floorCountingEventSet(nullptr, &event); }
+    void take() { floorCountingEventWait(nullptr, &event); }
+};
+struct BareCountingEvent {
+    KEM_COUNTINGEVENT_T event{PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER, 0};
+    void give()
+    {
+        pthread_mutex_lock(&event.mutex);
+        ++event.counter;
+        pthread_cond_signal(&event.cond);
+        pthread_mutex_unlock(&event.mutex);
+    }
+    void take()
+    {
+        pthread_mutex_lock(&event.mutex);
+        while (!event.counter) pthread_cond_wait(&event.cond, &event.mutex);
+        --event.counter;
+        pthread_mutex_unlock(&event.mutex);
+    }
 };
 
 struct OurCntSem {
@@ -87,8 +132,16 @@ struct OurCntSem {
 struct FloorCntSem {
     KEM_CNTSEMHDL_T semaphore;
     FloorCntSem() { sem_init(&semaphore, 0, 0); }
-    void give() { floorCntSemClear(&semaphore); }
-    void take() { floorCntSemRequest(&semaphore); }
+    void give() { floorCntSemClear(nullptr, &semaphore); }
+    void take() { floorCntSemRequest(nullptr, &semaphore); }
+};
+
+// ---- Peers
+
+struct StdMutex {
+    std::mutex mutex;
+    void take() { mutex.lock(); }
+    void give() { mutex.unlock(); }
 };
 
 struct PlainSem {
@@ -203,22 +256,23 @@ void addPingPong(const std::string& load, const std::string& name)
     add(load, name, pingPong<Object>)->Threads(2)->UseRealTime();
 }
 
-template <class Ours, class Floor>
+template <class Ours, class Floor, class Bare>
 void addSignal(const std::string& name)
 {
     const std::string pair = name + "/pair";
     add(pair, kOurs, giveAndTake<Ours>);
     add(pair, kFloor, giveAndTake<Floor>);
-    add(pair, "sem_t", giveAndTake<PlainSem>);
-    add(pair, "std::binary_semaphore", giveAndTake<BinarySemaphore>);
+    add(pair, kInlinedFloor, giveAndTake<Bare>);
     add(pair, "std::condition_var", giveAndTake<ConditionVariable>);
+    add(pair, "std::binary_semaphore", giveAndTake<BinarySemaphore>);
+    add(pair, "sem_t", giveAndTake<PlainSem>);
 
     const std::string turns = name + "/pingpong";
     addPingPong<Ours>(turns, kOurs);
     addPingPong<Floor>(turns, kFloor);
-    addPingPong<PlainSem>(turns, "sem_t");
-    addPingPong<BinarySemaphore>(turns, "std::binary_semaphore");
     addPingPong<ConditionVariable>(turns, "std::condition_var");
+    addPingPong<BinarySemaphore>(turns, "std::binary_semaphore");
+    addPingPong<PlainSem>(turns, "sem_t");
     addPingPong<Futex>(turns, "futex");
 }
 
@@ -226,15 +280,18 @@ void addBenchmarks()
 {
     add("mutex/pair", kOurs, takeAndGive<OurMutex>);
     add("mutex/pair", kFloor, takeAndGive<FloorMutex>);
+    add("mutex/pair", kInlinedFloor, takeAndGive<BareMutex>);
     add("mutex/pair", "std::mutex", takeAndGive<StdMutex>);
     add("event/pair", kOurs, giveAndWithdraw<OurEvent>);
     add("event/pair", kFloor, giveAndWithdraw<FloorEvent>);
+    add("event/pair", kInlinedFloor, giveAndWithdraw<BareEvent>);
     add("event/wait", kOurs, waitForGiven<OurEvent>);
     add("event/wait", kFloor, waitForGiven<FloorEvent>);
-    addSignal<OurEvent, FloorEvent>("signalwait");
-    addSignal<OurStdEvent, FloorStdEvent>("stdevent");
-    addSignal<OurCountingEvent, FloorCountingEvent>("countingevent");
-    addSignal<OurCntSem, FloorCntSem>("cntsem");
+    add("event/wait", kInlinedFloor, waitForGiven<BareEvent>);
+    addSignal<OurEvent, FloorEvent, BareEvent>("signalwait");
+    addSignal<OurStdEvent, FloorStdEvent, BareCountingEvent>("stdevent");
+    addSignal<OurCountingEvent, FloorCountingEvent, BareCountingEvent>("countingevent");
+    addSignal<OurCntSem, FloorCntSem, PlainSem>("cntsem");
 }
 
 } // namespace

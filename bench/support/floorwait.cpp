@@ -1,75 +1,129 @@
 #include "support/floorwait.h"
 
+#include <cerrno>
+#include <cstdlib>
+
 namespace kemsd::bench {
+namespace {
 
-void floorMutexRequest(KEM_MUTEXHDL_T* mutex) { pthread_mutex_lock(mutex); }
-
-void floorMutexClear(KEM_MUTEXHDL_T* mutex) { pthread_mutex_unlock(mutex); }
-
-void floorEventSet(KEM_EVENTHDL_T* event)
+[[gnu::cold, gnu::noinline]] KEM_STS_T refused(KEM_PSDCTX_T ctx, int result, KEM_STS_T failure)
 {
-    pthread_mutex_lock(&event->mutex);
-    event->iReady = 1;
-    pthread_mutex_unlock(&event->mutex);
+    if (ctx) {
+        ctx->sts = failure;
+        ctx->osRetCode = result;
+    }
+    return failure;
 }
 
-void floorEventClear(KEM_EVENTHDL_T* event)
+KEM_STS_T done(KEM_PSDCTX_T ctx)
 {
-    pthread_mutex_lock(&event->mutex);
+    if (ctx) {
+        ctx->sts = 0;
+        ctx->osRetCode = 0;
+    }
+    return 0;
+}
+
+KEM_STS_T report(KEM_PSDCTX_T ctx, int result, KEM_STS_T failure)
+{
+    return result == 0 ? done(ctx) : refused(ctx, result, failure);
+}
+
+// For the calls that end the process.
+void check(int result)
+{
+    if (result != 0) abort();
+}
+
+} // namespace
+
+KEM_STS_T floorMutexRequest(KEM_PSDCTX_T ctx, KEM_MUTEXHDL_T* mutex)
+{
+    return report(ctx, pthread_mutex_lock(mutex), SDSTS_SEM_REQUEST);
+}
+
+KEM_STS_T floorMutexClear(KEM_PSDCTX_T ctx, KEM_MUTEXHDL_T* mutex)
+{
+    return report(ctx, pthread_mutex_unlock(mutex), SDSTS_SEM_CLEAR);
+}
+
+KEM_STS_T floorEventSet(KEM_PSDCTX_T ctx, KEM_EVENTHDL_T* event)
+{
+    if (const int result = pthread_mutex_lock(&event->mutex)) return refused(ctx, result, SDSTS_EVENT_SET);
+    event->iReady = 1;
+    return report(ctx, pthread_mutex_unlock(&event->mutex), SDSTS_EVENT_SET);
+}
+
+KEM_STS_T floorEventClear(KEM_PSDCTX_T ctx, KEM_EVENTHDL_T* event)
+{
+    if (const int result = pthread_mutex_lock(&event->mutex)) return refused(ctx, result, SDSTS_EVENT_CLEAR);
     event->iReady = 0;
-    pthread_cond_broadcast(&event->cond);
-    pthread_mutex_unlock(&event->mutex);
+    if (const int result = pthread_cond_broadcast(&event->cond)) return refused(ctx, result, SDSTS_EVENT_CLEAR);
+    return report(ctx, pthread_mutex_unlock(&event->mutex), SDSTS_EVENT_CLEAR);
 }
 
-void floorEventWait(KEM_EVENTHDL_T* event)
+KEM_STS_T floorEventWait(KEM_PSDCTX_T ctx, KEM_EVENTHDL_T* event)
 {
-    pthread_mutex_lock(&event->mutex);
+    if (const int result = pthread_mutex_lock(&event->mutex)) return refused(ctx, result, SDSTS_EVENT_WAIT);
     while (event->iReady) pthread_cond_wait(&event->cond, &event->mutex);
-    pthread_mutex_unlock(&event->mutex);
+    return report(ctx, pthread_mutex_unlock(&event->mutex), SDSTS_EVENT_WAIT);
 }
 
-void floorSignalWait(KEM_EVENTHDL_T* event)
+KEM_STS_T floorSignalWait(KEM_PSDCTX_T ctx, KEM_EVENTHDL_T* event)
 {
-    pthread_mutex_lock(&event->mutex);
+    if (const int result = pthread_mutex_lock(&event->mutex)) return refused(ctx, result, SDSTS_EVENT_WAIT);
     while (event->iReady) pthread_cond_wait(&event->cond, &event->mutex);
     event->iReady = 1;
-    pthread_mutex_unlock(&event->mutex);
+    return report(ctx, pthread_mutex_unlock(&event->mutex), SDSTS_EVENT_WAIT);
 }
 
-void floorStdEventSet(KEM_STDEVENT_T* event)
+KEM_STS_T floorStdEventSet(KEM_PSDCTX_T ctx, KEM_STDEVENT_T* event)
 {
-    pthread_mutex_lock(&event->mutex);
+    if (const int result = pthread_mutex_lock(&event->mutex)) return refused(ctx, result, SDSTS_EVENT_CLEAR);
     event->is_signaled = TRUE;
-    pthread_cond_signal(&event->cond);
-    pthread_mutex_unlock(&event->mutex);
+    check(pthread_cond_signal(&event->cond));
+    check(pthread_mutex_unlock(&event->mutex));
+    return done(ctx);
 }
 
-void floorStdEventWait(KEM_STDEVENT_T* event)
+KEM_STS_T floorStdEventWait(KEM_PSDCTX_T ctx, KEM_STDEVENT_T* event)
 {
-    pthread_mutex_lock(&event->mutex);
+    if (const int result = pthread_mutex_lock(&event->mutex)) return refused(ctx, result, SDSTS_EVENT_WAIT);
     while (!event->is_signaled) pthread_cond_wait(&event->cond, &event->mutex);
     event->is_signaled = FALSE;
-    pthread_mutex_unlock(&event->mutex);
+    check(pthread_mutex_unlock(&event->mutex));
+    return done(ctx);
 }
 
-void floorCountingEventSet(KEM_COUNTINGEVENT_T* event)
+KEM_STS_T floorCountingEventSet(KEM_PSDCTX_T ctx, KEM_COUNTINGEVENT_T* event)
 {
-    pthread_mutex_lock(&event->mutex);
+    if (const int result = pthread_mutex_lock(&event->mutex)) return refused(ctx, result, SDSTS_EVENT_CLEAR);
     ++event->counter;
-    pthread_cond_signal(&event->cond);
-    pthread_mutex_unlock(&event->mutex);
+    check(pthread_cond_signal(&event->cond));
+    check(pthread_mutex_unlock(&event->mutex));
+    return done(ctx);
 }
 
-void floorCountingEventWait(KEM_COUNTINGEVENT_T* event)
+KEM_STS_T floorCountingEventWait(KEM_PSDCTX_T ctx, KEM_COUNTINGEVENT_T* event)
 {
-    pthread_mutex_lock(&event->mutex);
+    if (const int result = pthread_mutex_lock(&event->mutex)) return refused(ctx, result, SDSTS_EVENT_WAIT);
     while (!event->counter) pthread_cond_wait(&event->cond, &event->mutex);
     --event->counter;
-    pthread_mutex_unlock(&event->mutex);
+    check(pthread_mutex_unlock(&event->mutex));
+    return done(ctx);
 }
 
-void floorCntSemRequest(KEM_CNTSEMHDL_T* semaphore) { sem_wait(semaphore); }
+KEM_STS_T floorCntSemRequest(KEM_PSDCTX_T ctx, KEM_CNTSEMHDL_T* semaphore)
+{
+    for (;;) {
+        if (sem_wait(semaphore) == 0) return done(ctx);
+        if (errno != EINTR) return refused(ctx, -1, SDSTS_CNTSEM_REQUEST);
+    }
+}
 
-void floorCntSemClear(KEM_CNTSEMHDL_T* semaphore) { sem_post(semaphore); }
+KEM_STS_T floorCntSemClear(KEM_PSDCTX_T ctx, KEM_CNTSEMHDL_T* semaphore)
+{
+    return report(ctx, sem_post(semaphore), SDSTS_CNTSEM_CLEAR);
+}
 
 } // namespace kemsd::bench
