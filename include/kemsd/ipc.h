@@ -178,8 +178,8 @@ KEM_API void KemSetSharedMemSegBuffer(KEM_PSDCTX_T pSdCtx, OV_SHAREDMEM_SEG_T* p
 KEM_API void KemGetSharedMemSegName(KEM_PSDCTX_T pSdCtx, OV_SHAREDMEM_SEG_T* pShMemSeg, char** pName);
 
 /* ---- Pipes ------------------------------------------------------------------------------------------------------
- * A handle is a pair of descriptors. Apart from the creation of an anonymous pipe all calls run the lease guard first
- * in failover mode. osRetCode is errno where the system refused, otherwise 0.
+ * A handle is a pair of descriptors. In failover mode every call that uses one, or the file system, runs the lease
+ * guard first; KemSdPipeCreate does not. osRetCode is errno where the system refused, otherwise 0.
  *
  *     KEM_PIPEHDL_T in = {-1, -1, NULL}, out = {-1, -1, NULL};
  *     KemSdPipeCreate(ctx, &in, &out, 0);
@@ -225,15 +225,16 @@ KEM_API KEM_FUNC_M KemSdNamedPipeUnixCreate(KEM_PSDCTX_T pSdCtx, const char* psz
  * apart. SDSTS_INVALID_PARAM: null. SDSTS_PIPE_CONNECT: the last attempt failed; *piFd is -1. */
 KEM_API KEM_FUNC_M KemSdNamedPipeUnixConnect(KEM_PSDCTX_T pSdCtx, const char* pszPipeName, KEM_PINT_T piFd);
 
-/* Makes both FIFOs; the handle and everything behind it are unused. SDSTS_INVALID_PARAM: null name. SDSTS_PIPE_MAKE,
- * or a status of the allocator. */
+/* Makes both FIFOs, the guard running for each; the handle and everything behind it are unused.
+ * SDSTS_INVALID_PARAM: null name. SDSTS_PIPE_MAKE, or a status of the allocator. */
 KEM_API KEM_FUNC_M KemSdNamedPipeCreate(KEM_PSDCTX_T pSdCtx, const char* pszPipeName, KEM_PPIPEHDL_T phPipe,
                                         KEM_BIT32_T bt32OMode, KEM_BIT32_T bt32PipeMode, KEM_ULONG_T ulMaxPipeInst,
                                         KEM_ULONG_T ulOutBufSize, KEM_ULONG_T ulInBufSize, KEM_ULONG_T ulTimeout);
 
-/* Opens both FIFOs of the handle's pszPipeName. The descriptors are not stored: the handle stays as it was, and both
- * stay open, as does the memory of the names. To use a named pipe, open its FIFOs by KemSdNamedPipeUnixConnect.
- * SDSTS_INVALID_PARAM: null handle or name. SDSTS_PIPE_CONNECT, or a status of the allocator. */
+/* Opens both FIFOs of the handle's pszPipeName, the guard running for each. The descriptors are not stored: the handle
+ * stays as it was, and both stay open, as does the memory of the names. To use a named pipe, open its FIFOs by
+ * KemSdNamedPipeUnixConnect. SDSTS_INVALID_PARAM: null handle or name. SDSTS_PIPE_CONNECT, or a status of the
+ * allocator. */
 KEM_API KEM_FUNC_M KemSdNamedPipeConnect(KEM_PSDCTX_T pSdCtx, KEM_PPIPEHDL_T phPipe);
 
 /* Makes the FIFOs if they are missing and opens them as KemSdNamedPipeConnect does: both ends in *phPipe become -1. The

@@ -386,8 +386,8 @@ typedef struct KEM_SYNCCTX_T {
     int64_t lDatCacheClockPtr; /* the caller's own */
 } KEM_SYNCCTX_T;
 
-/* Makes a free lock with the present tunings (KEM_RWLOCK_...); the first lock runs KemSyncEnvInit. category is one of
- * the seven. Always 0. */
+/* Makes a free lock with the present tunings (KEM_RWLOCK_...); the first lock runs KemSyncEnvInit. 0.
+ * SDSTS_INVALID_PARAM: pRWLock is null, or category is none of the seven. */
 KEM_API KEM_STS_T KemRWLockInit(KEM_PSDCTX_T pSdCtx, OV_UINT_T uiSemType, KEM_RWLOCK_T* pRWLock, OV_BOOL_T bToSleep,
                                 KEM_RWLOCK_CAT category);
 
@@ -406,10 +406,12 @@ KEM_API KEM_STS_T KemSdEndRW(void* tctxp, KEM_SYNCCTX_T* pSyncCtx, void* pSem);
 KEM_API KEM_USHORT_T KemSdModeRW(void* tctxp, KEM_SYNCCTX_T* pSyncCtx, void* pSem);
 KEM_API KEM_BOOL_T KemSdOwnerRW(void* tctxp, KEM_SYNCCTX_T* pSyncCtx, void* pSem);
 
-/* Ends one node, which must be on no list any more, once a thread that is letting its owner in has left it. 0. */
+/* Ends one node, which must be on no list any more, once a thread that is letting its owner in has left it. 0, or
+ * SDSTS_INVALID_PARAM: pNode is null. */
 KEM_API KEM_STS_T KemRWLockQNodeDestroy(void* tctxp, KEM_RWLOCKQNODE_T* pNode);
 
-/* Ends all nodes of a thread that holds none of its locks any more and is about to end; null does nothing. 0. */
+/* Ends all nodes of a thread that holds none of its locks any more and is about to end; the sync context may be used
+ * again. 0, or SDSTS_INVALID_PARAM: pSyncCtx is null. */
 KEM_API KEM_STS_T KemRWLockFreeQNodes(KEM_SYNCCTX_T* pSyncCtx);
 
 /* ---- Mutexes and critical sections ------------------------------------------------------------------------------

@@ -106,19 +106,38 @@ void takeStreams(const Pipe& in, const Pipe& out, const Pipe& err)
 
 } // namespace
 
-Ended inChild(const std::function<int()>& body, int seconds)
-{
+struct Child::Streams {
     Pipe in, out, err;
+};
+
+Child::Child(const std::function<int()>& body) : streams_(std::make_unique<Streams>())
+{
     fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        takeStreams(in, out, err);
-        const int result = body();
-        fflush(nullptr);
-        _exit(result);
-    }
-    return attend(child, in, out, err, {}, seconds);
+    id_ = fork();
+    if (id_ != 0) return;
+    takeStreams(streams_->in, streams_->out, streams_->err);
+    const int result = body();
+    fflush(nullptr);
+    _exit(result);
 }
+
+Child::~Child()
+{
+    if (id_ > 0) {
+        kill(id_, SIGKILL);
+        while (waitpid(id_, nullptr, 0) == -1 && errno == EINTR) {
+        }
+    }
+}
+
+Ended Child::ended(int seconds)
+{
+    const pid_t child = id_;
+    id_ = -1;
+    return attend(child, streams_->in, streams_->out, streams_->err, {}, seconds);
+}
+
+Ended inChild(const std::function<int()>& body, int seconds) { return Child(body).ended(seconds); }
 
 Ended runProgram(const std::vector<std::string>& program, const std::string& input,
                  const std::vector<std::string>& environment, int seconds)

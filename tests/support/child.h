@@ -3,6 +3,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -18,7 +19,25 @@ struct Ended {
 
 constexpr int kChildSeconds = 120;
 
-// Forks, runs body and leaves with _exit(its result), its standard streams flushed.
+// A process beside the test: it runs body and leaves with _exit(its result), its standard streams flushed. It is killed
+// and reaped at the latest when the object goes.
+class Child {
+public:
+    explicit Child(const std::function<int()>& body);
+    ~Child();
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    // Waits for its end, killing it after so many seconds. To be called once.
+    Ended ended(int seconds = kChildSeconds);
+
+private:
+    struct Streams;
+    std::unique_ptr<Streams> streams_;
+    int id_;
+};
+
+// Runs body in a child and waits for its end.
 Ended inChild(const std::function<int()>& body, int seconds = kChildSeconds);
 
 // Runs a program with these arguments (program[0] is its path) and this text on standard input; `environment` holds

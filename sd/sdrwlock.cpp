@@ -1,3 +1,0 @@
-// The queued reader-writer lock.
-
-#include <kemsd/sync.h>
