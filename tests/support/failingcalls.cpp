@@ -29,6 +29,8 @@
 namespace kemsd::test {
 namespace {
 
+constexpr long kSecond = 1000000000; // nanoseconds
+
 struct Plan {
     std::atomic<long> seen{0};    // calls since the last reset
     std::atomic<long> counted{0}; // calls since the present Failing object was made
@@ -70,8 +72,13 @@ struct Moment {
 
 Moment sleepAsked;
 Moment deadlineAsked;
+Moment intervalAsked;
 Moment standing; // where the real-time clock stands still
 std::atomic<bool> standsStill{false};
+std::atomic<long> stray{0};
+
+std::vector<int64_t> plannedTimes; // changed while one thread runs, read by one at a time
+std::atomic<size_t> timesRead{0};
 
 // The sweep: one count over all memory requests.
 std::atomic<bool> sweeping{false};
@@ -189,6 +196,8 @@ Failing::Failing(Call call, int error, long result, std::function<void()> meanwh
 
 Failing Failing::nth(Call call, long k, int error) { return Failing(call, error, 0, false, k, k); }
 
+Failing Failing::nth(Call call, long k, int error, long result) { return Failing(call, error, result, true, k, k); }
+
 Failing::Failing(Call call, int error, long result, bool ownResult, long first, long last,
                  std::function<void()> meanwhile)
     : call_(call), meanwhile_(std::move(meanwhile))
@@ -231,6 +240,7 @@ long calls(Call call) { return plan(call).seen; }
 void resetCalls()
 {
     for (Plan& p : plans) p.seen = 0;
+    stray = 0;
 }
 
 timespec lastSleep() { return sleepAsked.load(); }
@@ -244,6 +254,18 @@ ClockAt::ClockAt(time_t seconds, long nanoseconds)
 }
 
 ClockAt::~ClockAt() { standsStill = false; }
+
+long strayCloses() { return stray; }
+
+PlannedTimes::PlannedTimes(std::vector<int64_t> nanoseconds)
+{
+    timesRead = 0;
+    plannedTimes = std::move(nanoseconds);
+}
+
+PlannedTimes::~PlannedTimes() { plannedTimes.clear(); }
+
+timespec lastInterval() { return intervalAsked.load(); }
 
 long liveBlocks() { return live; }
 
@@ -303,7 +325,17 @@ int __real_nanosleep(const timespec* duration, timespec* rest);
 int __real_pthread_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex, const timespec* deadline);
 time_t __real_time(time_t* now);
 int __real_gettimeofday(timeval* now, void* zone);
+int __real_close(int fd);
 int __real_clock_gettime(clockid_t clock, timespec* now);
+int __real_semtimedop(int id, sembuf* operations, size_t count, const timespec* limit);
+
+int __wrap_semtimedop(int id, sembuf* operations, size_t count, const timespec* limit)
+{
+    const Passage passage(Call::semtimedop);
+    if (limit) intervalAsked.store(*limit);
+    if (fails(Call::semtimedop)) return failedResult<int>(Call::semtimedop, Failure::Minus1);
+    return __real_semtimedop(id, operations, count, limit);
+}
 
 int __real_semctl(int id, int member, int command, ...);
 
@@ -349,12 +381,27 @@ int __wrap_gettimeofday(timeval* now, void* zone)
     return 0;
 }
 
+int __wrap_close(int fd)
+{
+    const Passage passage(Call::close);
+    if (fails(Call::close)) return failedResult<int>(Call::close, Failure::Minus1);
+    const int result = __real_close(fd);
+    if (result == -1 && errno == EBADF && fd != -1) stray.fetch_add(1);
+    return result;
+}
+
 int __wrap_clock_gettime(clockid_t clock, timespec* now)
 {
     const Passage passage(Call::clock_gettime);
     if (fails(Call::clock_gettime)) return failedResult<int>(Call::clock_gettime, Failure::Minus1);
-    if (!standsStill || clock != CLOCK_REALTIME) return __real_clock_gettime(clock, now);
-    *now = standing.load();
+    if (timesRead < plannedTimes.size()) {
+        const int64_t time = plannedTimes[timesRead++];
+        *now = {time / kSecond, time % kSecond};
+    } else if (standsStill && clock == CLOCK_REALTIME) {
+        *now = standing.load();
+    } else {
+        return __real_clock_gettime(clock, now);
+    }
     return 0;
 }
 

@@ -15,7 +15,9 @@
 #include <time.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <vector>
 
 namespace kemsd::test {
 
@@ -38,6 +40,7 @@ public:
     Failing(Call call, int error, long result, std::function<void()> meanwhile);
     // Only the k-th call from now on fails, k counted from 1.
     static Failing nth(Call call, long k, int error);
+    static Failing nth(Call call, long k, int error, long result);
 
     ~Failing();
     Failing(const Failing&) = delete;
@@ -73,9 +76,11 @@ private:
 
 // Calls since the last resetCalls(), by all threads of the process.
 long calls(Call call);
-// The duration last asked of nanosleep, and the deadline of pthread_cond_timedwait, by any thread.
+// What was last asked of nanosleep (a duration), pthread_cond_timedwait (a deadline) and semtimedop (an interval), by
+// any thread.
 struct timespec lastSleep();
 struct timespec lastDeadline();
+struct timespec lastInterval();
 void resetCalls();
 
 // While it lives, the real-time clock stands still: time, gettimeofday and clock_gettime(CLOCK_REALTIME) answer this.
@@ -85,6 +90,19 @@ public:
     ~ClockAt();
     ClockAt(const ClockAt&) = delete;
     ClockAt& operator=(const ClockAt&) = delete;
+};
+
+// Closes of what was not open, -1 excepted, since the last resetCalls(): a second close of a descriptor.
+long strayCloses();
+
+// What the next readings of any clock say, in nanoseconds; after the last of them, and when the object goes, the clocks
+// are the system's again.
+class PlannedTimes {
+public:
+    explicit PlannedTimes(std::vector<int64_t> nanoseconds);
+    ~PlannedTimes();
+    PlannedTimes(const PlannedTimes&) = delete;
+    PlannedTimes& operator=(const PlannedTimes&) = delete;
 };
 
 // System blocks obtained and not yet released through the wrapped calls, by all threads.
