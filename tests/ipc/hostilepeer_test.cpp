@@ -120,6 +120,7 @@ public:
             const std::string rest = payload_.substr(at_, left_);
             const size_t nul = rest.find('\0');
             take(call, rest.empty() ? 1 : nul == std::string::npos ? rest.size() : nul + 1);
+            if (rest.empty()) call.bytes = std::string(1, '\0'); // of nothing comes the empty string
         }
         return call;
     }

@@ -30,6 +30,7 @@ namespace {
 
 constexpr int kVictimsSlot = 0;
 constexpr int kOtherSlots[] = {1, 4};
+constexpr KEM_ULONG_T kDone = 1; // the client's last word: the server may remove the set
 constexpr long kTransferFailed = -3;
 
 // ---- What the two on slot 0 do; the result is the status of the call that ended it
@@ -48,17 +49,19 @@ KEM_STS_T ask(LibraryPeer& client)
     status = client.read(kVictimsSlot, static_cast<KEM_ULONG_T>(got.size()), code, got.data());
     if (status != 0) return status;
     EXPECT_EQ(got, reply());
-    return client.remove();
+    status = client.writeCode(kVictimsSlot, kDone);
+    return status != 0 ? status : client.remove();
 }
 
 KEM_STS_T answer(LibraryPeer& server)
 {
     std::string got(request().size(), '?');
     KEM_ULONG_T code = 0;
-    const KEM_STS_T status = server.read(kVictimsSlot, static_cast<KEM_ULONG_T>(got.size()), code, got.data());
+    KEM_STS_T status = server.read(kVictimsSlot, static_cast<KEM_ULONG_T>(got.size()), code, got.data());
     if (status != 0) return status;
     EXPECT_EQ(got, request());
-    return server.write(kVictimsSlot, reply());
+    status = server.write(kVictimsSlot, reply());
+    return status != 0 ? status : server.readCode(kVictimsSlot, code);
 }
 
 // The server that makes the segment and hands the slot out.
@@ -100,6 +103,8 @@ std::string nameOf(const Death& death)
     return std::string(death.when == When::Before ? "Before_" : "After_") + death.name + std::to_string(death.k);
 }
 
+std::ostream& operator<<(std::ostream& out, const Death& death) { return out << nameOf(death); }
+
 // Every call that the exchange makes, so many times, before and after.
 std::vector<Death> deathsAround(const std::vector<std::pair<const char*, std::pair<Call, long>>>& callsMade)
 {
@@ -110,8 +115,8 @@ std::vector<Death> deathsAround(const std::vector<std::pair<const char*, std::pa
     return deaths;
 }
 
-constexpr long kClientsSemops = 6;  // two messages there, one back
-constexpr long kServersSemops = 10; // the same, and the slot map twice
+constexpr long kClientsSemops = 8;  // two messages there, one back, and a code
+constexpr long kServersSemops = 12; // the same, and the slot map twice
 
 std::vector<Death> deathsOfAClient()
 {
