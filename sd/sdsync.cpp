@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "sd/base/spinlock.h"
+#include "sd/sdsyncinit.h"
 
 constinit OV_BOOL_T bSdHardwareAcceleration = FALSE;
 constinit int64_t KEM_SDSYNC_ENV_INITED = 0;
@@ -37,6 +38,7 @@ using sd::hardwareAcceleration;
 using sd::loadAcquire;
 using sd::loadRelaxed;
 using sd::pauseHint;
+using sd::spinBound;
 using sd::storeRelaxed;
 using sd::storeRelease;
 using sd::Try;
@@ -51,9 +53,6 @@ constexpr KEM_LONG_T kInitialSpinTime = 256;
 
 // ---- Waiting
 
-// The busy-spin bound: rounds of the spin-wait hint before a yield; 0 or less means a yield every round.
-int64_t spinBound() { return loadRelaxed(KEM_SDSYNC_BUSYSPIN_UPPERLIMIT); }
-
 // Deliberate: the exchange variant counts in 32 bits. Under a bound beyond them the count wraps and never yields.
 constexpr int32_t nextRound(int32_t round) { return static_cast<int32_t>(static_cast<uint32_t>(round) + 1); }
 static_assert(nextRound(0) == 1 && nextRound(INT32_MAX) == INT32_MIN);
@@ -66,10 +65,10 @@ void waitForGrant(const KEM_SPINLOCK_TICKET_T& lock, KEM_SDATOMIC_T ticket, Boun
     int64_t limit = spinBound();
     for (int64_t round = 0;;) {
         pauseHint();
-        if (granted(lock, ticket)) return;
+        if (granted(lock.grant, ticket)) return;
         if (bound == Bound::Reread) limit = spinBound();
         if (++round < limit) continue;
-        if (granted(lock, ticket)) return;
+        if (granted(lock.grant, ticket)) return;
         sched_yield();
         round = 0;
     }
@@ -91,8 +90,8 @@ void ownTicketOnce(KEM_SPINLOCK_TICKET_T& lock, KEM_SDATOMIC_T ticket, KEM_THDID
 
 void acquireTicketOnce(KEM_SPINLOCK_TICKET_T& lock, KEM_THDID_T id)
 {
-    const KEM_SDATOMIC_T ticket = sd::drawTicket(lock);
-    if (!granted(lock, ticket)) [[unlikely]]
+    const KEM_SDATOMIC_T ticket = sd::drawTicket(lock.lTicket);
+    if (!granted(lock.grant, ticket)) [[unlikely]]
         return waitTicketOnce(lock, ticket, id);
     ownTicketOnce(lock, ticket, id);
 }
@@ -100,9 +99,8 @@ void acquireTicketOnce(KEM_SPINLOCK_TICKET_T& lock, KEM_THDID_T id)
 // Frees the lock whatever its depth was.
 void releaseExchangeOnce(KEM_SPINLOCK_XCHG_T& lock)
 {
-    storeRelaxed(lock.thdMasterId, 0);
     addUnlocked(lock.sLockCount, -1);
-    storeRelease(lock.slock, 1); // hands over: pairs with the exchange of the next owner
+    sd::freeExchange(lock);
 }
 
 // ---- The tunables
@@ -155,7 +153,7 @@ void printTunables()
 
 namespace sd {
 
-void waitExchange(KEM_SPINLOCK_XCHG_T& lock, Try last, KEM_THDID_T id)
+void awaitExchange(volatile int64_t& slock, Try last)
 {
     int32_t round = 0;
     do {
@@ -167,9 +165,8 @@ void waitExchange(KEM_SPINLOCK_XCHG_T& lock, Try last, KEM_THDID_T id)
             pauseHint();
             round = nextRound(round);
         }
-        last = tryExchange(lock);
+        last = tryExchange(slock);
     } while (last != Try::Taken);
-    ownExchange(lock, id);
 }
 
 void yieldAfterRace(Try result)
@@ -330,11 +327,13 @@ void KemSdSetHardwareAcceleration(KEM_BOOL_T bUseHardwareAcceleration)
 void KemSyncEnvInit(KEM_PSDCTX_T)
 {
     // Acquire: pairs with the release store below, so that who finds the environment set up finds the tunables too.
-    if (loadAcquire(KEM_SDSYNC_ENV_INITED) != 0) return;
-    // The spin bound is to be calibrated here, before anything is read; until that is built it stays as it is. The
-    // calibration starts threads, and a lock that one of them creates must not enter a second one.
+    if (loadAcquire(KEM_SDSYNC_ENV_INITED) != 0 || sd::settingUpLocks) return;
+    sd::settingUpLocks = true;
+    int64_t limit;
+    KemGetSpinUpperLimit(&limit); // Deliberate: a failure goes unsaid; the locks work with the bound as it was
     readTunables();
     if (getenv("KEM_DISPLAY_LOCKCONFIG")) printTunables();
+    sd::settingUpLocks = false;
     storeRelease(KEM_SDSYNC_ENV_INITED, 1);
 }
 

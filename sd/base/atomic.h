@@ -35,12 +35,13 @@ inline void storeRelease(T& word, std::type_identity_t<Word<T>> value)
 }
 
 // Adds to a word that is only written under a lock, or whose lost updates are accepted: a load and a store, not a
-// locked instruction. Returns the value before.
+// locked instruction. The sum wraps. Returns the value before.
 template <class T>
 inline Word<T> addUnlocked(T& word, std::type_identity_t<Word<T>> value)
 {
+    using Unsigned = std::make_unsigned_t<Word<T>>;
     const Word<T> before = loadRelaxed(word);
-    storeRelaxed(word, static_cast<Word<T>>(before + value));
+    storeRelaxed(word, static_cast<Word<T>>(static_cast<Unsigned>(before) + static_cast<Unsigned>(value)));
     return before;
 }
 

@@ -1,8 +1,8 @@
-// The spinlock's uncontended paths, inlined into every lock passage of the library. The waiting loops and the ABI live
-// in sd/sdsync.cpp.
+// The spinlock's uncontended paths, inlined into every lock passage of the library, and what its relatives in
+// sd/sdlwsync.cpp have in common with it. The waiting loops and the ABI live in sd/sdsync.cpp.
 //
 // Two variants share the storage and the hardware-acceleration switch picks one at every call. In both the owner test
-// comes first: thdMasterId can equal the caller's id only if the caller stored it, so the unlocked read is safe.
+// comes first: the owner's word can equal the caller's id only if the caller stored it, so the unlocked read is safe.
 //
 // Order: taking the lock is a locked instruction. Making it free is a release store of `slock` or `grant`; the next
 // owner's exchange of `slock` or its read of `grant` pairs with it. The owner's bookkeeping is read by others without
@@ -15,38 +15,69 @@
 
 namespace sd {
 
-// ---- Exchange variant
+// Rounds of the spin-wait hint before a yield; 0 or less means a yield every round. Waiters look at it again and again:
+// it may change while they wait.
+inline int64_t spinBound() { return loadRelaxed(KEM_SDSYNC_BUSYSPIN_UPPERLIMIT); }
+
+// ---- Exchange variant, of the spinlock and of the lightweight lock: the records differ in the names of two fields
+
+inline volatile KEM_THDID_T& ownerOf(KEM_SPINLOCK_XCHG_T& lock) { return lock.thdMasterId; }
+inline volatile KEM_THDID_T& ownerOf(KEM_LWSPINLOCK_XCHG_T& lock) { return lock.ThdId; }
+inline int16_t& depthOf(KEM_SPINLOCK_XCHG_T& lock) { return lock.sLockCount; }
+inline int16_t& depthOf(KEM_LWSPINLOCK_XCHG_T& lock) { return lock.count; }
+
+// Swaps the lowest byte of a lock word with 0; true when the lock was free and now is the caller's.
+inline bool takeLowestByte(volatile int64_t& slock)
+{
+    auto* lowest = reinterpret_cast<volatile signed char*>(&slock);
+    // Acquire: pairs with the release store of `slock` by which the lock became free.
+    return __atomic_exchange_n(lowest, static_cast<signed char>(0), __ATOMIC_ACQUIRE) > 0;
+}
 
 enum class Try { Taken, Held, RaceLost };
 
-// Goes on after a first attempt that ended otherwise than Taken, until the lock is the caller's; in sd/sdsync.cpp. The
-// waiting functions are the last step of their callers, so that a passage without contention saves no registers.
-[[gnu::noinline]] void waitExchange(KEM_SPINLOCK_XCHG_T& lock, Try last, KEM_THDID_T id);
-
-// One attempt: a look at the whole word, and if it is not 0, the swap of its lowest byte with 0.
-inline Try tryExchange(KEM_SPINLOCK_XCHG_T& lock)
+// One attempt: a look at the whole word, and if it is not 0, the swap.
+inline Try tryExchange(volatile int64_t& slock)
 {
-    if (loadRelaxed(lock.slock) == 0) return Try::Held;
-    auto* lowest = reinterpret_cast<volatile signed char*>(&lock.slock);
-    // Acquire: pairs with the release store of `slock` by which the lock became free.
-    return __atomic_exchange_n(lowest, static_cast<signed char>(0), __ATOMIC_ACQUIRE) > 0 ? Try::Taken : Try::RaceLost;
+    if (loadRelaxed(slock) == 0) return Try::Held;
+    return takeLowestByte(slock) ? Try::Taken : Try::RaceLost;
 }
 
-inline void ownExchange(KEM_SPINLOCK_XCHG_T& lock, KEM_THDID_T id)
+// Goes on after a first attempt that ended otherwise than Taken, until the word is the caller's; in sd/sdsync.cpp.
+void awaitExchange(volatile int64_t& slock, Try last);
+
+template <class Lock>
+inline void ownExchange(Lock& lock, KEM_THDID_T id)
 {
-    storeRelaxed(lock.thdMasterId, id);
-    storeRelease(lock.sLockCount, 1); // whoever reads this depth finds the owner
+    storeRelaxed(ownerOf(lock), id);
+    storeRelease(depthOf(lock), 1); // whoever reads this depth finds the owner
 }
 
-inline void acquireExchange(KEM_SPINLOCK_XCHG_T& lock, KEM_THDID_T id)
+// The waiting functions are the last step of their callers, so that a passage without contention saves no registers.
+template <class Lock>
+[[gnu::noinline]] void waitExchange(Lock& lock, Try last, KEM_THDID_T id)
 {
-    if (loadRelaxed(lock.thdMasterId) == id) [[unlikely]] {
-        addUnlocked(lock.sLockCount, 1);
+    awaitExchange(lock.slock, last);
+    ownExchange(lock, id);
+}
+
+template <class Lock>
+inline void acquireExchange(Lock& lock, KEM_THDID_T id)
+{
+    if (loadRelaxed(ownerOf(lock)) == id) [[unlikely]] {
+        addUnlocked(depthOf(lock), 1);
         return;
     }
-    if (const Try first = tryExchange(lock); first != Try::Taken) [[unlikely]]
+    if (const Try first = tryExchange(lock.slock); first != Try::Taken) [[unlikely]]
         return waitExchange(lock, first, id);
     ownExchange(lock, id);
+}
+
+template <class Lock>
+inline void freeExchange(Lock& lock)
+{
+    storeRelaxed(ownerOf(lock), 0);
+    storeRelease(lock.slock, 1); // hands over: pairs with the exchange of the next owner
 }
 
 inline void releaseExchange(KEM_SPINLOCK_XCHG_T& lock)
@@ -54,26 +85,25 @@ inline void releaseExchange(KEM_SPINLOCK_XCHG_T& lock)
     const int depth = addUnlocked(lock.sLockCount, -1) - 1;
     if (static_cast<int16_t>(depth) > 0) [[unlikely]]
         return;
-    storeRelaxed(lock.thdMasterId, 0);
-    storeRelease(lock.slock, 1); // hands over: pairs with the exchange of the next owner
+    freeExchange(lock);
 }
 
 // ---- Ticket variant
 
+// Of any ticket lock. The order of arrival is the order of this one word, so relaxed suffices.
+inline KEM_SDATOMIC_T drawTicket(volatile KEM_SDATOMIC_T& next)
+{
+    return __atomic_fetch_add(&next, 1, __ATOMIC_RELAXED);
+}
+
+// Of any ticket lock. Acquire: pairs with the release store of `grant` by which the lock became free.
+inline bool granted(const volatile KEM_SDATOMIC_T& grant, KEM_SDATOMIC_T ticket)
+{
+    return loadAcquire(grant) == ticket;
+}
+
 // Waits until `grant` has reached the ticket, then owns the lock; in sd/sdsync.cpp.
 [[gnu::noinline]] void waitTicket(KEM_SPINLOCK_TICKET_T& lock, KEM_SDATOMIC_T ticket, KEM_THDID_T id);
-
-// The order of arrival is the order of this one word, so relaxed suffices.
-inline KEM_SDATOMIC_T drawTicket(KEM_SPINLOCK_TICKET_T& lock)
-{
-    return __atomic_fetch_add(&lock.lTicket, 1, __ATOMIC_RELAXED);
-}
-
-// Acquire: pairs with the release store of `grant` by which the lock became free.
-inline bool granted(const KEM_SPINLOCK_TICKET_T& lock, KEM_SDATOMIC_T ticket)
-{
-    return loadAcquire(lock.grant) == ticket;
-}
 
 inline void ownTicket(KEM_SPINLOCK_TICKET_T& lock, KEM_SDATOMIC_T ticket, KEM_THDID_T id)
 {
@@ -95,8 +125,8 @@ inline void acquireTicket(KEM_SPINLOCK_TICKET_T& lock, KEM_THDID_T id)
         addUnlocked(lock.sLockCount, 1);
         return;
     }
-    const KEM_SDATOMIC_T ticket = drawTicket(lock);
-    if (!granted(lock, ticket)) [[unlikely]]
+    const KEM_SDATOMIC_T ticket = drawTicket(lock.lTicket);
+    if (!granted(lock.grant, ticket)) [[unlikely]]
         return waitTicket(lock, ticket, id);
     ownTicket(lock, ticket, id);
 }
@@ -113,7 +143,7 @@ inline void releaseTicket(KEM_SPINLOCK_TICKET_T& lock)
 inline Try tryTicket(KEM_SPINLOCK_TICKET_T& lock, KEM_THDID_T id)
 {
     KEM_SDATOMIC_T ticket = loadRelaxed(lock.lTicket);
-    if (loadRelaxed(lock.thdMasterId) == id || !granted(lock, ticket)) return Try::Held;
+    if (loadRelaxed(lock.thdMasterId) == id || !granted(lock.grant, ticket)) return Try::Held;
     if (!__atomic_compare_exchange_n(&lock.lTicket, &ticket, ticket + 1, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
         return Try::Held;
     ownTicket(lock, ticket, id);
@@ -149,7 +179,7 @@ inline Try tryOnce(KEM_SPINLOCK_T& lock, KEM_THDID_T id)
     if (hardwareAcceleration()) return tryTicket(lock.ticket, id);
     if (loadRelaxed(lock.xchg.thdMasterId) == id) [[unlikely]]
         return Try::Held;
-    const Try result = tryExchange(lock.xchg);
+    const Try result = tryExchange(lock.xchg.slock);
     if (result == Try::Taken) [[likely]]
         ownExchange(lock.xchg, id);
     return result;
@@ -166,8 +196,7 @@ inline void releaseOnce(KEM_SPINLOCK_T& lock)
         grantNext(lock.ticket);
     } else {
         storeRelaxed(lock.xchg.sLockCount, 0);
-        storeRelaxed(lock.xchg.thdMasterId, 0);
-        storeRelease(lock.xchg.slock, 1); // hands over: pairs with the exchange of the next owner
+        freeExchange(lock.xchg);
     }
 }
 

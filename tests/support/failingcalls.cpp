@@ -29,6 +29,8 @@
 namespace kemsd::test {
 namespace {
 
+constexpr long kSecond = 1000000000; // nanoseconds
+
 struct Plan {
     std::atomic<long> seen{0};    // calls since the last reset
     std::atomic<long> counted{0}; // calls since the present Failing object was made
@@ -38,6 +40,7 @@ struct Plan {
     std::atomic<int> error{0};
     std::atomic<long> result{0};
     std::atomic<bool> ownResult{false};
+    std::atomic<const std::function<void()>*> meanwhile{nullptr};
 };
 
 // What is to happen around a call. The function is set before the position and not changed while that stands.
@@ -53,7 +56,29 @@ Plan plans[static_cast<size_t>(Call::count)];
 Interruption interruptions[static_cast<size_t>(Call::count)];
 std::atomic<long> live{0};
 std::atomic<void*> newest{nullptr};
-timespec asked{};
+
+// A time that one thread leaves and another reads.
+struct Moment {
+    std::atomic<long> seconds{0};
+    std::atomic<long> nanoseconds{0};
+
+    void store(const timespec& at)
+    {
+        seconds = at.tv_sec;
+        nanoseconds = at.tv_nsec;
+    }
+    timespec load() const { return {seconds, nanoseconds}; }
+};
+
+Moment sleepAsked;
+Moment deadlineAsked;
+Moment intervalAsked;
+Moment standing; // where the real-time clock stands still
+std::atomic<bool> standsStill{false};
+std::atomic<long> stray{0};
+
+std::vector<int64_t> plannedTimes; // changed while one thread runs, read by one at a time
+std::atomic<size_t> timesRead{0};
 
 // The sweep: one count over all memory requests.
 std::atomic<bool> sweeping{false};
@@ -115,6 +140,7 @@ bool fails(Call call)
     const long k = p.counted.fetch_add(1) + 1;
     if (k < first || k > p.last.load()) return false;
     p.hits.fetch_add(1);
+    if (const auto* meanwhile = p.meanwhile.load()) (*meanwhile)();
     return true;
 }
 
@@ -164,9 +190,17 @@ Failing::Failing(Call call, int error) : Failing(call, error, 0, false, 1, __LON
 
 Failing::Failing(Call call, int error, long result) : Failing(call, error, result, true, 1, __LONG_MAX__) {}
 
+Failing::Failing(Call call, int error, long result, std::function<void()> meanwhile)
+    : Failing(call, error, result, true, 1, __LONG_MAX__, std::move(meanwhile))
+{}
+
 Failing Failing::nth(Call call, long k, int error) { return Failing(call, error, 0, false, k, k); }
 
-Failing::Failing(Call call, int error, long result, bool ownResult, long first, long last) : call_(call)
+Failing Failing::nth(Call call, long k, int error, long result) { return Failing(call, error, result, true, k, k); }
+
+Failing::Failing(Call call, int error, long result, bool ownResult, long first, long last,
+                 std::function<void()> meanwhile)
+    : call_(call), meanwhile_(std::move(meanwhile))
 {
     Plan& p = plan(call);
     p.counted = 0;
@@ -174,11 +208,16 @@ Failing::Failing(Call call, int error, long result, bool ownResult, long first, 
     p.error = error;
     p.result = result;
     p.ownResult = ownResult;
+    p.meanwhile = meanwhile_ ? &meanwhile_ : nullptr;
     p.last = last;
     p.first = first;
 }
 
-Failing::~Failing() { plan(call_).first = 0; }
+Failing::~Failing()
+{
+    plan(call_).first = 0;
+    plan(call_).meanwhile = nullptr;
+}
 
 long Failing::hits() const { return plan(call_).hits; }
 
@@ -201,9 +240,32 @@ long calls(Call call) { return plan(call).seen; }
 void resetCalls()
 {
     for (Plan& p : plans) p.seen = 0;
+    stray = 0;
 }
 
-timespec lastSleep() { return asked; }
+timespec lastSleep() { return sleepAsked.load(); }
+
+timespec lastDeadline() { return deadlineAsked.load(); }
+
+ClockAt::ClockAt(time_t seconds, long nanoseconds)
+{
+    standing.store({seconds, nanoseconds});
+    standsStill = true;
+}
+
+ClockAt::~ClockAt() { standsStill = false; }
+
+long strayCloses() { return stray; }
+
+PlannedTimes::PlannedTimes(std::vector<int64_t> nanoseconds)
+{
+    timesRead = 0;
+    plannedTimes = std::move(nanoseconds);
+}
+
+PlannedTimes::~PlannedTimes() { plannedTimes.clear(); }
+
+timespec lastInterval() { return intervalAsked.load(); }
 
 long liveBlocks() { return live; }
 
@@ -260,6 +322,21 @@ int __real_open64(const char* path, int flags, ...);
 
 int __real_nanosleep(const timespec* duration, timespec* rest);
 
+int __real_pthread_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex, const timespec* deadline);
+time_t __real_time(time_t* now);
+int __real_gettimeofday(timeval* now, void* zone);
+int __real_close(int fd);
+int __real_clock_gettime(clockid_t clock, timespec* now);
+int __real_semtimedop(int id, sembuf* operations, size_t count, const timespec* limit);
+
+int __wrap_semtimedop(int id, sembuf* operations, size_t count, const timespec* limit)
+{
+    const Passage passage(Call::semtimedop);
+    if (limit) intervalAsked.store(*limit);
+    if (fails(Call::semtimedop)) return failedResult<int>(Call::semtimedop, Failure::Minus1);
+    return __real_semtimedop(id, operations, count, limit);
+}
+
 int __real_semctl(int id, int member, int command, ...);
 
 // The system takes the last argument, one word whatever its type, only where the command has one.
@@ -273,9 +350,59 @@ int __wrap_semctl(int id, int member, int command, long argument)
 int __wrap_nanosleep(const timespec* duration, timespec* rest)
 {
     const Passage passage(Call::nanosleep);
-    asked = *duration;
+    sleepAsked.store(*duration);
     if (fails(Call::nanosleep)) return failedResult<int>(Call::nanosleep, Failure::Minus1);
     return __real_nanosleep(duration, rest);
+}
+
+int __wrap_pthread_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex, const timespec* deadline)
+{
+    const Passage passage(Call::pthread_cond_timedwait);
+    deadlineAsked.store(*deadline);
+    if (fails(Call::pthread_cond_timedwait)) return failedResult<int>(Call::pthread_cond_timedwait, Failure::Number);
+    return __real_pthread_cond_timedwait(cond, mutex, deadline);
+}
+
+time_t __wrap_time(time_t* now)
+{
+    const Passage passage(Call::time);
+    if (fails(Call::time)) return failedResult<time_t>(Call::time, Failure::Minus1);
+    if (!standsStill) return __real_time(now);
+    if (now) *now = standing.seconds;
+    return standing.seconds;
+}
+
+int __wrap_gettimeofday(timeval* now, void* zone)
+{
+    const Passage passage(Call::gettimeofday);
+    if (fails(Call::gettimeofday)) return failedResult<int>(Call::gettimeofday, Failure::Minus1);
+    if (!standsStill) return __real_gettimeofday(now, zone);
+    *now = {standing.seconds, standing.nanoseconds / 1000};
+    return 0;
+}
+
+int __wrap_close(int fd)
+{
+    const Passage passage(Call::close);
+    if (fails(Call::close)) return failedResult<int>(Call::close, Failure::Minus1);
+    const int result = __real_close(fd);
+    if (result == -1 && errno == EBADF && fd != -1) stray.fetch_add(1);
+    return result;
+}
+
+int __wrap_clock_gettime(clockid_t clock, timespec* now)
+{
+    const Passage passage(Call::clock_gettime);
+    if (fails(Call::clock_gettime)) return failedResult<int>(Call::clock_gettime, Failure::Minus1);
+    if (timesRead < plannedTimes.size()) {
+        const int64_t time = plannedTimes[timesRead++];
+        *now = {time / kSecond, time % kSecond};
+    } else if (standsStill && clock == CLOCK_REALTIME) {
+        *now = standing.load();
+    } else {
+        return __real_clock_gettime(clock, now);
+    }
+    return 0;
 }
 
 void* __wrap_malloc(size_t size)

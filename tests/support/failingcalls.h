@@ -1,9 +1,10 @@
 // C library calls that fail on demand. Every test program is linked with --wrap for the calls listed in
 // failingcalls.def: each passes through to the real one unless a Failing object of this process says otherwise.
 //
-//     Failing out(Call::malloc, 3, ENOMEM);                   // the third malloc from now on, once
+//     Failing out = Failing::nth(Call::malloc, 3, ENOMEM);    // the third malloc from now on, once
 //     Failing full(Call::pwrite, ENOSPC);                     // every pwrite
 //     Failing odd(Call::pthread_setschedparam, EPERM, -1);    // every one, with that result
+//     Failing late(Call::nanosleep, 0, 0, [&] { post(); });   // every one; what others do meanwhile is done in it
 //     EXPECT_EQ(calls(Call::sched_yield), 1);                 // since the last resetCalls()
 //
 // or an Interrupting object lets something happen around one of them:
@@ -14,7 +15,9 @@
 #include <time.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <vector>
 
 namespace kemsd::test {
 
@@ -33,8 +36,11 @@ public:
     // calls that return one) comes back.
     Failing(Call call, int error);
     Failing(Call call, int error, long result);
+    // Calls `meanwhile` in every failing call, on its thread.
+    Failing(Call call, int error, long result, std::function<void()> meanwhile);
     // Only the k-th call from now on fails, k counted from 1.
     static Failing nth(Call call, long k, int error);
+    static Failing nth(Call call, long k, int error, long result);
 
     ~Failing();
     Failing(const Failing&) = delete;
@@ -44,8 +50,10 @@ public:
     long hits() const;
 
 private:
-    Failing(Call call, int error, long result, bool ownResult, long first, long last);
+    Failing(Call call, int error, long result, bool ownResult, long first, long last,
+            std::function<void()> meanwhile = {});
     Call call_;
+    std::function<void()> meanwhile_;
 };
 
 enum class When { Before, After };
@@ -68,9 +76,34 @@ private:
 
 // Calls since the last resetCalls(), by all threads of the process.
 long calls(Call call);
-// The duration last asked of nanosleep.
+// What was last asked of nanosleep (a duration), pthread_cond_timedwait (a deadline) and semtimedop (an interval), by
+// any thread.
 struct timespec lastSleep();
+struct timespec lastDeadline();
+struct timespec lastInterval();
 void resetCalls();
+
+// While it lives, the real-time clock stands still: time, gettimeofday and clock_gettime(CLOCK_REALTIME) answer this.
+class ClockAt {
+public:
+    ClockAt(time_t seconds, long nanoseconds);
+    ~ClockAt();
+    ClockAt(const ClockAt&) = delete;
+    ClockAt& operator=(const ClockAt&) = delete;
+};
+
+// Closes of what was not open, -1 excepted, since the last resetCalls(): a second close of a descriptor.
+long strayCloses();
+
+// What the next readings of any clock say, in nanoseconds; after the last of them, and when the object goes, the clocks
+// are the system's again.
+class PlannedTimes {
+public:
+    explicit PlannedTimes(std::vector<int64_t> nanoseconds);
+    ~PlannedTimes();
+    PlannedTimes(const PlannedTimes&) = delete;
+    PlannedTimes& operator=(const PlannedTimes&) = delete;
+};
 
 // System blocks obtained and not yet released through the wrapped calls, by all threads.
 long liveBlocks();

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <kemsd/sync.h>
 
+#include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <string>
 
@@ -31,18 +33,22 @@ constexpr Setting kSettings[] = {
 
 constexpr char kDisplay[] = "KEM_DISPLAY_LOCKCONFIG";
 
-// Starts without any of the variables and leaves the settings as the process found them.
-class SpinEnvironment : public testing::Test {
+const int64_t markBeforeMain = KEM_SDSYNC_ENV_INITED;
+
+// Starts without any of the variables, in a process that has not looked at its environment yet, and leaves the settings
+// as the process found them.
+class LockEnvironment : public testing::Test {
 protected:
     void SetUp() override
     {
+        KemSyncEnvTerm(nullptr);
         for (const Setting& setting : kSettings) unsetenv(setting.name);
         unsetenv(kDisplay);
     }
     void TearDown() override
     {
-        KemSyncEnvTerm(nullptr);
         for (const Setting& setting : kSettings) *setting.value = setting.initial;
+        KEM_SDSYNC_BUSYSPIN_UPPERLIMIT = 20000;
     }
 
     static void given(const char* name, const char* text) { setenv(name, text, 1); }
@@ -55,6 +61,25 @@ protected:
         KemSyncEnvInit(nullptr);
         return *setting.value;
     }
+};
+
+// On one processor nothing is measured.
+class SpinEnvironment : public LockEnvironment {
+    Failing oneProcessor{Call::sysconf, 0, 1};
+};
+
+// Several processors, so that there is something to measure, and no time to settle.
+class MeasuringEnvironment : public LockEnvironment {
+protected:
+    void TearDown() override
+    {
+        KemSdSetFailoverModeFlag(FALSE);
+        LockEnvironment::TearDown();
+    }
+
+private:
+    Failing processors{Call::sysconf, 0, 4};
+    Failing noSleep{Call::nanosleep, EINTR};
 };
 
 const Setting& named(const std::string& name)
@@ -70,7 +95,7 @@ const Setting& named(const std::string& name)
 TEST_F(SpinEnvironment, TheSettingsStartWithTheirInitialValues)
 {
     for (const Setting& setting : kSettings) EXPECT_EQ(*setting.value, setting.initial) << setting.name;
-    EXPECT_EQ(KEM_SDSYNC_ENV_INITED, 0);
+    EXPECT_EQ(markBeforeMain, 0);
     EXPECT_EQ(bSdHardwareAcceleration, FALSE);
     EXPECT_EQ(lTotalNumOfSpinlocks, 0);
     EXPECT_EQ(KEM_SDSYNC_BUSYSPIN_UPPERLIMIT, 20000);
@@ -266,4 +291,64 @@ TEST_F(SpinEnvironment, ThePrintedValuesAreTheBoundedOnes)
               "KEM_RWLOCK_WMAXSPINLOOPS=17\n"
               "KEM_RWLOCK_WMAXSPINYIELDS=18\n"
               "KEM_RWLOCK_WMAXWAITLOOPS=19\n");
+}
+
+// ---- The calibration is its first step
+
+TEST_F(SpinEnvironment, InitialisationCalibratesTheSpinBoundOnce)
+{
+    KemSyncEnvInit(nullptr);
+    EXPECT_EQ(KEM_SDSYNC_BUSYSPIN_UPPERLIMIT, 1); // one processor
+    KEM_SDSYNC_BUSYSPIN_UPPERLIMIT = 77;
+    KemSyncEnvInit(nullptr);
+    EXPECT_EQ(KEM_SDSYNC_BUSYSPIN_UPPERLIMIT, 77);
+    KemSyncEnvTerm(nullptr);
+    KemSyncEnvInit(nullptr);
+    EXPECT_EQ(KEM_SDSYNC_BUSYSPIN_UPPERLIMIT, 1);
+}
+
+TEST_F(MeasuringEnvironment, AFailedCalibrationGoesUnsaidAndTheTunablesAreRead)
+{
+    given("KEM_RWLOCK_RMAXSPINLOOPS", "11");
+    Failing noPipe(Call::pipe, EMFILE);
+    KemSyncEnvInit(nullptr);
+    EXPECT_EQ(noPipe.hits(), 1);
+    EXPECT_EQ(KEM_SDSYNC_BUSYSPIN_UPPERLIMIT, 20000);
+    EXPECT_EQ(KEM_RWLOCK_RMAXSPINLOOPS, 11);
+    EXPECT_EQ(KEM_SDSYNC_ENV_INITED, 1);
+}
+
+TEST_F(MeasuringEnvironment, AnInterruptedSettlingDoesNotMatter)
+{
+    KEM_SDSYNC_BUSYSPIN_UPPERLIMIT = -1;
+    KemSyncEnvInit(nullptr);
+    EXPECT_GE(KEM_SDSYNC_BUSYSPIN_UPPERLIMIT, 0);
+}
+
+namespace {
+
+std::atomic<long> locksMade{0};
+std::atomic<long> variablesReadMeanwhile{0};
+
+// The server's guard: runs in the measuring threads too, and its first lock is a lock like any other.
+void lockCreatingGuard()
+{
+    KEM_PSPINLOCK_T lock = KemSdSpinlockCreate(nullptr, __FILE__, __LINE__);
+    KemSdSpinlockDestroy(nullptr, lock, __FILE__, __LINE__);
+    locksMade += lock != nullptr;
+    variablesReadMeanwhile += calls(Call::getenv) != 0;
+}
+
+} // namespace
+
+TEST_F(MeasuringEnvironment, ALockCreatedOnTheWayDoesNotSetItUpAgain)
+{
+    KemSdSetLeaseGuardAccessFunction(lockCreatingGuard);
+    KemSdSetFailoverModeFlag(TRUE);
+    resetCalls();
+    KemSyncEnvInit(nullptr);
+    EXPECT_GE(locksMade, 40000);          // by both measuring threads and by the one that closes the pipes
+    EXPECT_EQ(variablesReadMeanwhile, 0); // the calibration comes first
+    EXPECT_EQ(calls(Call::getenv), 10);
+    EXPECT_EQ(calls(Call::pthread_create), 2);
 }

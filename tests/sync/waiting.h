@@ -1,12 +1,16 @@
 // Bounded waiting for what other threads do. Nothing here counts as a sched_yield of the code under test.
 #pragma once
 
+#include <gtest/gtest.h>
+#include <kemsd/sync.h>
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <thread>
+
+#include "support/failingcalls.h"
 
 namespace kemsd::test {
 
@@ -37,6 +41,39 @@ inline bool keepsRunning(std::thread& thread)
     if (pthread_getcpuclockid(thread.native_handle(), &clock) != 0) return false;
     const long enough = nanoseconds(clock) + 2000000L;
     return eventually([&] { return nanoseconds(clock) >= enough; });
+}
+
+constexpr int64_t kInitialSpinBound = 20000;
+constexpr int64_t kNeverYield = INT64_MAX;
+
+inline void setSpinBound(int64_t bound)
+{
+    // A full barrier: from here on a waiter reads the new bound.
+    __atomic_exchange_n(&KEM_SDSYNC_BUSYSPIN_UPPERLIMIT, bound, __ATOMIC_SEQ_CST);
+}
+
+// Waits until the code under test has yielded so often.
+inline bool yields(long atLeast)
+{
+    return eventually([atLeast] { return calls(Call::sched_yield) >= atLeast; });
+}
+
+// Holds a lock while another thread waits for it and `meanwhile` looks on; then lets it pass.
+template <class Acquire, class Release, class Meanwhile>
+void whileOneWaits(Acquire acquire, Release release, Meanwhile meanwhile)
+{
+    int passed = 0; // plain: the lock orders it
+    acquire();
+    std::thread waiter([&] {
+        acquire();
+        ++passed;
+        release();
+    });
+    meanwhile(waiter);
+    EXPECT_EQ(passed, 0);
+    release();
+    waiter.join();
+    EXPECT_EQ(passed, 1);
 }
 
 } // namespace kemsd::test

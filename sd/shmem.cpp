@@ -1,3 +1,0 @@
-// Segments and the chunk exchange.
-
-#include <kemsd/ipc.h>
