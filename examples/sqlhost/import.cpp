@@ -88,8 +88,7 @@ public:
     void show(uint64_t rows, const std::string& more = {})
     {
         if (!terminal_ || rows % kProgressRows != 0) return;
-        fprintf(stderr, "\r%s: %s%s\033[K", what_, countedText(rows, "row").c_str(), more.c_str());
-        net_.progressShown = true;
+        showProgress(net_, (text("%s: ", what_) + countedText(rows, "row") + more).c_str());
     }
 
 private:

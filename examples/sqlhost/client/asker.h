@@ -1,0 +1,19 @@
+// A request and its answer, as a client sees them.
+#pragma once
+
+#include "client/connection.h"
+#include "resultprinter.h"
+#include "text.h"
+
+namespace sqlhost {
+
+// The server's refusal; `place` is that of the error in the request's text, or kNoPlace.
+struct ServerError : Failure {
+    ServerError(uint32_t where, const std::string& what) : Failure(what), place(where) {}
+    uint32_t place;
+};
+
+// Asks, and prints the answer as it comes. Throws ServerError, or another Failure when there is no answer.
+void askAndPrint(Connection& connection, char type, std::string_view payload, ResultPrinter& printer);
+
+} // namespace sqlhost
