@@ -81,11 +81,11 @@ protected:
             {"NamedPipeWait", 0, [] { EXPECT_NE(KemSdNamedPipeWait(nullptr, nullptr, 0), 0); }},
             {"ovUNIXMakeNmPipe", 1, [=] { succeeded(ovUNIXMakeNmPipe(path)); }},
             {"ovUNIXConnectNmPipe", 1, [=, this] { succeeded(ovUNIXConnectNmPipe(path_.c_str(), &fd_)); }},
-            {"PipeWrite", 1,
+            {"ovUNIXPipeWrite", 1,
              [this] {
                  succeeded(ovUNIXPipeWrite({fd_, fd_, nullptr}, byte_, 1, &count_));
              }},
-            {"PipeRead", 1,
+            {"ovUNIXPipeRead", 1,
              [this] {
                  succeeded(ovUNIXPipeRead({fd_, fd_, nullptr}, byte_, 1, &count_));
              }},
