@@ -71,6 +71,11 @@ inline constexpr Target kTargets[] = {
     {"pwrite/8KiB", 1.05},
     {"read/8KiB", 1.05},
     {"write/8KiB", 1.05},
+    // While no pause is in force. The floor is the plain write.
+    {"leased-pwrite/64B", 1.05},
+    {"leased-pwrite/8KiB", 1.05},
+    {"leased-write/64B", 1.05},
+    {"leased-write/8KiB", 1.05},
 };
 
 constexpr Target targetOf(std::string_view load)

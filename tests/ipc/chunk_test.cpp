@@ -17,14 +17,17 @@ using namespace kemsd::test;
 using testing::Each;
 using testing::ElementsAre;
 
-// Runs before the library's next copy of bytes and is forgotten: what another process may do in between.
+// Runs before the next copy out of this buffer and is forgotten: what another process may do in between.
 static std::function<void()> beforeCopy;
+static const char* copiedBuffer = nullptr;
 
 extern "C" {
 void* __real_memcpy(void* to, const void* from, size_t count);
 void* __wrap_memcpy(void* to, const void* from, size_t count)
 {
-    if (beforeCopy) std::exchange(beforeCopy, nullptr)();
+    const auto* source = static_cast<const char*>(from);
+    if (beforeCopy && source >= copiedBuffer && source < copiedBuffer + SHMEM_CHUNK_SIZE)
+        std::exchange(beforeCopy, nullptr)();
     return __real_memcpy(to, from, count);
 }
 }
@@ -874,6 +877,7 @@ TEST_F(Chunk, SizeOfACodeMeansNothing)
 TEST_F(Chunk, HeaderChangedAfterItWasFetchedChangesNothing)
 {
     sendRaw({0, 6}, "abcdef");
+    copiedBuffer = toServer();
     beforeCopy = [this] {
         const Header other{5, 0xFFFF};
         __real_memcpy(toServer(), &other, sizeof other);
@@ -890,6 +894,7 @@ TEST_F(Chunk, HeaderChangedAfterItWasFetchedChangesNothing)
 TEST_F(Chunk, TerminatorChangedAfterTheScanIsWrittenAgain)
 {
     sendRaw({0, 8}, std::string("abc\0defg", 8));
+    copiedBuffer = toServer();
     beforeCopy = [this] { toServer()[8 + 3] = 'X'; };
     EXPECT_EQ(readString(server_).bytes.substr(0, 5), std::string("abc\0?", 5));
     EXPECT_FALSE(beforeCopy);

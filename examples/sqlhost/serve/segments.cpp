@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <kemsd/file.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -17,19 +16,35 @@ namespace {
 
 constexpr KEM_BIT32_T kReadWrite = 4, kMake = 8, kNoOther = 16;
 constexpr KEM_LONG_T kWithoutLimit = -1;
-constexpr int kKeyFiles = 8; // tried for one segment
+constexpr int kKeyFiles = 100; // tried for one segment
 
-// While the old file stands, the new one lies elsewhere.
-void makeKeyFile(KEM_PSDCTX_T context, const std::string& path)
+void makeFile(KEM_PSDCTX_T context, const std::string& path)
 {
-    const std::string next = path + ".new";
     KEM_FILEHDL_T handle = -1;
-    if (KemSdFileCreate(context, next.c_str(), 0600, &handle) != 0)
-        throw Failure(text("cannot make %s: %s", next.c_str(), strerror(context->osRetCode)));
+    if (KemSdFileCreate(context, path.c_str(), 0600, &handle) != 0)
+        throw Failure(text("cannot make %s: %s", path.c_str(), strerror(context->osRetCode)));
     KemSdFileClose(context, handle);
-    if (rename(next.c_str(), path.c_str()) == -1)
-        throw Failure(text("cannot make %s: %s", path.c_str(), strerror(errno)));
 }
+
+// Files whose key is taken: they stay until another one has been found, so that none lies where they do.
+class Rejected {
+public:
+    explicit Rejected(const std::string& path) : path_(path) {}
+    ~Rejected()
+    {
+        for (int i = 0; i < count_; ++i) KemSdFileRemove(nullptr, name(i).c_str());
+    }
+    Rejected(const Rejected&) = delete;
+    Rejected& operator=(const Rejected&) = delete;
+
+    void add() { rename(path_.c_str(), name(count_++).c_str()); }
+
+private:
+    std::string name(int i) const { return path_ + text(".taken%d", i); }
+
+    std::string path_;
+    int count_ = 0;
+};
 
 } // namespace
 
@@ -46,6 +61,8 @@ Segments::Segments(KEM_PSDCTX_T context, const ServerDirectory& directory, KEM_P
 
 Segments::~Segments()
 {
+    for (const OV_SHAREDMEM_SEG_LIST_T* entry = list_; entry; entry = entry->next)
+        if (entry->shMemSeg.pShSemSet) removeSegment(entry->shMemSeg);
     KemDeleteSharedMemSeg(context_, list_);
     for (unsigned number = 1; number <= count(); ++number)
         KemSdFileRemove(context_, directory_.exchange(number).c_str());
@@ -77,9 +94,11 @@ OV_SHAREDMEM_SEG_T* Segments::make(unsigned number)
         !segment)
         throw Failure("no memory for a further segment");
     count_.store(number, std::memory_order_relaxed);
+    Rejected rejected(keyFile);
     for (int i = 0; i < kKeyFiles; ++i) {
-        makeKeyFile(context_, keyFile);
+        makeFile(context_, keyFile);
         if (create(segment, keyFile)) return segment;
+        rejected.add();
     }
     throw Failure(text("cannot make a shared-memory segment: %s", strerror(context_->osRetCode)));
 }

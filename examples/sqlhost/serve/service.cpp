@@ -77,9 +77,7 @@ void Service::open()
 {
     signals_ = blockedSignals();
     if (signals_ == -1) throw Failure(text("cannot wait for signals: %s", strerror(errno)));
-    if (const auto dead = ServerIdentity::fromNote(serverLock_.note(server_.context())))
-        for (unsigned segment = 1; fs::exists(directory_.exchange(segment)); ++segment)
-            removeStale(directory_.exchange(segment), dead->pid);
+    clearStale();
     KEM_UTC_TIMESTAMP_T now = {};
     KemSdGetUtcTimestamp(server_.context(), nullptr, &now);
     identity_.pid = getpid();
@@ -91,6 +89,16 @@ void Service::open()
     openDoor();
     identity_.key = segments_->firstKey();
     setNote(identity_.note());
+}
+
+void Service::clearStale()
+{
+    const auto dead = ServerIdentity::fromNote(serverLock_.note(server_.context()));
+    if (!dead) return;
+    for (unsigned segment = 1; fs::exists(directory_.exchange(segment)); ++segment) {
+        removeStale(directory_.exchange(segment), dead->pid);
+        KemSdFileRemove(server_.context(), directory_.exchange(segment).c_str());
+    }
 }
 
 // Makes it when missing, undoes what a dead server left half done, and sees that it is a database.
@@ -240,13 +248,11 @@ Service::~Service()
 {
     KEM_PSDCTX_T context = server_.context();
     if (signals_ != -1) close(signals_);
-    if (fromClients_) {
-        KemSdFileRemove(context, fifoToServer(directory_).c_str());
-        KemSdFileRemove(context, fifoToClient(directory_).c_str());
-    }
     if (wake_.iFdRead != -1) KemSdPipeClose(context, &wake_);
     segments_.reset();
     if (identity_.pid == 0) return; // another server's directory
+    for (const std::string& fifo : {fifoToServer(directory_), fifoToClient(directory_)})
+        if (fs::is_fifo(fifo)) KemSdFileRemove(context, fifo.c_str());
     const LeaseScope lease(directory_.serverLock.c_str());
     KEM_LONG_T length = 0;
     KemSdFileSetEndOfFile(context, serverLock_.handle(), 0, &length, nullptr);

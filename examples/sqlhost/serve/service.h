@@ -42,6 +42,7 @@ private:
     struct Claimed {};
     Service(Server& server, const std::string& directory, Claimed);
     void open();
+    void clearStale();
     void openDatabase();
     void openDoor();
     void setNote(const std::string& note);

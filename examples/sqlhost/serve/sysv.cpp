@@ -44,6 +44,8 @@ void removeStale(const std::string& keyFile, KEM_PROCID_T deadServer)
     if (set != -1) semctl(set, 0, IPC_RMID);
 }
 
+void removeSegment(const OV_SHAREDMEM_SEG_T& segment) { shmctl(segment.shmemHdl, IPC_RMID, nullptr); }
+
 void resetSlot(OV_SHAREDMEM_SEG_T& segment, KEM_LONG_T slot)
 {
     constexpr int kBufferFree[] = {0, 1, 0, 1}; // data ready and buffer free, to the server and back

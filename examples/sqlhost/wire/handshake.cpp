@@ -5,7 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
+#include <string_view>
 
 #include "text.h"
 
@@ -36,18 +38,31 @@ bool Fifo::write(KEM_PSDCTX_T context, const void* bytes, size_t count)
            written == count;
 }
 
-bool Fifo::read(KEM_PSDCTX_T context, void* bytes, size_t count)
+// Adds what is there.
+void Fifo::fill(KEM_PSDCTX_T context)
 {
+    char bytes[4096];
     KEM_ULONG_T got = 0;
-    return KemSdPipeRead(context, &pipe_, bytes, static_cast<KEM_ULONG_T>(count), &got) == 0 && got == count;
+    while (KemSdPipeRead(context, &pipe_, bytes, sizeof bytes, &got) == 0 && got > 0) read_.append(bytes, got);
 }
 
 void Fifo::drain(KEM_PSDCTX_T context)
 {
-    char bytes[4096];
-    KEM_ULONG_T got = 0;
-    while (KemSdPipeRead(context, &pipe_, bytes, sizeof bytes, &got) == 0 && got > 0) {
-    }
+    fill(context);
+    read_.clear();
+}
+
+// Records are written whole, so what does not begin with the mark is none of ours, and one of ours may follow it.
+bool Fifo::takeFromMark(KEM_PSDCTX_T context, void* record, size_t size, uint32_t mark)
+{
+    fill(context);
+    const std::string_view word(reinterpret_cast<const char*>(&mark), sizeof mark);
+    const size_t at = read_.find(word);
+    read_.erase(0, at != std::string::npos ? at : read_.size() - std::min(read_.size(), sizeof mark - 1));
+    if (read_.size() < size) return false;
+    memcpy(record, read_.data(), size);
+    read_.erase(0, size);
+    return true;
 }
 
 bool Fifo::wait(int milliseconds) const

@@ -7,6 +7,7 @@
 
 #include <kemsd/ipc.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <type_traits>
@@ -59,15 +60,12 @@ public:
         static_assert(std::is_trivially_copyable_v<Record>);
         return write(context, &record, sizeof record);
     }
-    // Takes the next record, if there is one. Bytes that are none are thrown away with all behind them.
+    // Takes the next record, if there is one, from where its mark is: bytes before it are thrown away.
     template <class Record>
     bool take(KEM_PSDCTX_T context, Record& record)
     {
-        static_assert(std::is_trivially_copyable_v<Record>);
-        if (!read(context, &record, sizeof record)) return false;
-        if (record.mark == Record::kMark) return true;
-        drain(context);
-        return false;
+        static_assert(std::is_trivially_copyable_v<Record> && offsetof(Record, mark) == 0);
+        return takeFromMark(context, &record, sizeof record, Record::kMark);
     }
     // Throws away what is there.
     void drain(KEM_PSDCTX_T context);
@@ -78,9 +76,11 @@ public:
 
 private:
     bool write(KEM_PSDCTX_T context, const void* bytes, size_t count);
-    bool read(KEM_PSDCTX_T context, void* bytes, size_t count);
+    void fill(KEM_PSDCTX_T context);
+    bool takeFromMark(KEM_PSDCTX_T context, void* record, size_t size, uint32_t mark);
 
     KEM_PIPEHDL_T pipe_{-1, -1, nullptr};
+    std::string read_; // not taken yet
 };
 
 std::string fifoToServer(const ServerDirectory& directory);
