@@ -6,12 +6,14 @@
 #include <clocale>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 
 #include "client/commands.h"
 #include "commands.h"
 #include "serve/service.h"
 #include "text.h"
+#include "wire/protocol.h"
 
 namespace {
 
@@ -29,6 +31,7 @@ struct Options {
     std::string directory;
     std::vector<std::string> statements;
     bool csv = false;
+    sqlhost::BackupOptions backup;
 };
 
 // Column widths need the characters' widths; numbers keep the decimal point.
@@ -43,13 +46,17 @@ void useUtf8()
 void addImport(CLI::App& app, Options& options)
 {
     CLI::App* const command = app.add_subcommand("import", "Add the rows of a CSV file to a table, all or none");
-    command->add_option("DB", options.import.database, "Database file, made when missing")->required();
+    command->add_option("DB", options.import.database, "Database file, made when missing; or a server's directory")
+        ->required();
     command->add_option("TABLE", options.import.table, "Table, made when missing")->required();
     command->add_option("FILE.csv", options.import.file, "CSV file whose first row names the columns")->required();
     command->add_flag("--spill", options.import.spill, "Write changed pages out early when memory is short");
     command->final_callback([&options] {
+        const sqlhost::ImportOptions& import = options.import;
+        if (std::filesystem::is_directory(import.database))
+            return sqlhost::importOnServer(import.database, import.table, import.file, import.spill);
         Server server(options.memoryFile, options.verbose, Engine::oneThread);
-        importCsv(server, options.import);
+        importCsv(server, import);
     });
 }
 
@@ -103,6 +110,19 @@ void addSql(CLI::App& app, Options& options)
     command->final_callback([&options] { sqlhost::sqlOnServer(options.directory, options.statements, options.csv); });
 }
 
+void addBackup(CLI::App& app, Options& options)
+{
+    CLI::App* const command = addServerCommand(app, options, "backup", "Copy the database while the server goes on");
+    command->add_option("DEST", options.backup.destination, "File that becomes the copy")->required();
+    command->add_flag("--force", options.backup.force, "Replace DEST when it exists");
+    command->add_option("--limit", options.backup.seconds, "Seconds for which writing may stand still (60)")
+        ->check(CLI::Range(uint32_t{1}, sqlhost::kLongestPause));
+    command->final_callback([&options] {
+        options.backup.directory = options.directory;
+        sqlhost::backUp(options.backup);
+    });
+}
+
 void addStatus(CLI::App& app, Options& options)
 {
     CLI::App* const command = addServerCommand(app, options, "status", "Show what a server is doing");
@@ -129,10 +149,12 @@ int main(int argc, char** argv)
     app.add_flag("--verbose", options.verbose, "Show what start-up says");
     app.footer(
         "\nsqlhost import DB TABLE FILE.csv\nsqlhost run DB [FILE.sql|-]\nsqlhost memory DB [FILE.sql|-]\n"
-        "\nsqlhost serve DIR\nsqlhost sql DIR [STATEMENT...]\nsqlhost status DIR\nsqlhost stop DIR");
+        "\nsqlhost serve DIR\nsqlhost sql DIR [STATEMENT...]\nsqlhost import DIR TABLE FILE.csv\n"
+        "sqlhost backup DIR DEST\nsqlhost status DIR\nsqlhost stop DIR");
     app.require_subcommand(1);
     app.fallthrough();
-    for (const auto add : {addImport, addRun, addMemory, addServe, addSql, addStatus, addStop}) add(app, options);
+    for (const auto add : {addImport, addRun, addMemory, addServe, addSql, addBackup, addStatus, addStop})
+        add(app, options);
     try {
         app.parse(argc, argv);
         if (fflush(stdout) != 0) throw sqlhost::Failure("cannot write the result");

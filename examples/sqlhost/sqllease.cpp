@@ -8,11 +8,16 @@ namespace sqlhost {
 namespace {
 
 thread_local int uses = 0; // files and operations of this thread that want the lease
+thread_local bool refused = false;
 
 } // namespace
 
 int takeLease(const char* path)
 {
+    if (refused) {
+        threadContext()->osRetCode = 0;
+        return trouble(SQLITE_IOERR_LOCK, "this client has paused writing to", path);
+    }
     if (uses == 0 && KemSdGetWriteIOLease(&ThreadContext::current()) != 0)
         return trouble(SQLITE_IOERR_LOCK, "no write lease for", path);
     ++uses;
@@ -25,5 +30,7 @@ void giveLease()
 }
 
 bool holdsLease() { return uses > 0; }
+
+void refuseLeases(bool refuse) { refused = refuse; }
 
 } // namespace sqlhost

@@ -59,6 +59,8 @@ int checkReserved(KemsdFile& file, int* reserved);
 int takeLease(const char* path);
 void giveLease();
 bool holdsLease();
+// The calling thread, which has paused writing or is about to, is refused leases: it would wait for itself.
+void refuseLeases(bool refuse);
 
 // A lease for one operation outside a transaction.
 class LeaseScope {

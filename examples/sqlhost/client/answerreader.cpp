@@ -50,12 +50,4 @@ bool AnswerReader::next()
     return true;
 }
 
-std::string_view FieldReader::take(size_t count)
-{
-    if (count > rest_.size()) senseless();
-    const std::string_view taken = rest_.substr(0, count);
-    rest_.remove_prefix(count);
-    return taken;
-}
-
 } // namespace sqlhost

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "wire/channel.h"
+#include "wire/fields.h"
 
 namespace sqlhost {
 
@@ -26,29 +27,6 @@ private:
     bool ended_ = false;
     char type_ = 0;
     std::string payload_;
-};
-
-// The fields of a frame in turn. Throws Failure where the frame ends too soon.
-class FieldReader {
-public:
-    explicit FieldReader(std::string_view payload) : rest_(payload) {}
-
-    template <class Number>
-    Number number()
-    {
-        Number value;
-        const std::string_view bytes = take(sizeof value);
-        __builtin_memcpy(&value, bytes.data(), sizeof value);
-        return value;
-    }
-    std::string_view text() { return take(number<uint32_t>()); }
-    std::string_view rest() { return take(rest_.size()); }
-    bool atEnd() const { return rest_.empty(); }
-
-private:
-    std::string_view take(size_t count);
-
-    std::string_view rest_;
 };
 
 } // namespace sqlhost

@@ -69,22 +69,47 @@ void printAnswer(AnswerReader& answer, ResultPrinter& printer)
     if (!error.empty()) raise(FieldReader(error));
 }
 
-} // namespace
+uint64_t numberOf(AnswerReader& answer)
+{
+    std::string error;
+    uint64_t number = 0;
+    while (answer.next()) {
+        if (answer.type() == kFrameDone)
+            number = FieldReader(answer.payload()).number<uint64_t>();
+        else if (answer.type() == kFrameError)
+            error = answer.payload();
+    }
+    if (!error.empty()) raise(FieldReader(error));
+    return number;
+}
 
 // An answer that was not read to its end leaves the conversation of no further use.
-void askAndPrint(Connection& connection, char type, std::string_view payload, ResultPrinter& printer)
+template <class Take>
+auto converse(Connection& connection, char type, std::string_view payload, const char* unanswered, Take take)
 try {
     connection.ask(type, payload);
     AnswerReader answer(connection.context(), connection.channel());
-    printAnswer(answer, printer);
+    return take(answer);
 } catch (const PeerGone&) {
-    throw Failure(text("the server with process id %d ended before it had answered: what it did of this is not known",
-                       connection.server().pid));
+    throw Failure(
+        text("the server with process id %d ended before it had answered: %s", connection.server().pid, unanswered));
 } catch (const ServerError&) {
     throw;
 } catch (const Failure&) {
     connection.channel().giveUp(connection.context());
     throw;
+}
+
+} // namespace
+
+void askAndPrint(Connection& connection, char type, std::string_view payload, ResultPrinter& printer)
+{
+    converse(connection, type, payload, kOutcomeUnknown, [&](AnswerReader& answer) { printAnswer(answer, printer); });
+}
+
+uint64_t askForNumber(Connection& connection, char type, std::string_view payload, const char* unanswered)
+{
+    return converse(connection, type, payload, unanswered, numberOf);
 }
 
 } // namespace sqlhost

@@ -13,7 +13,6 @@ namespace {
 constexpr int kStepsBetweenLooks = 1000; // of SQLite's machine
 constexpr int kBusyMilliseconds = 10000; // for which a connection tries to get a lock
 constexpr int kLongestPause = 10;
-constexpr int kLongestValue = 1 << 26; // bytes of a value or a row
 
 bool isOver(const void* channel) { return static_cast<const Channel*>(channel)->givenUp(); }
 

@@ -7,6 +7,8 @@
 
 namespace sqlhost {
 
+constexpr uint32_t kLongestValue = 1 << 26; // bytes of a value or a row
+
 // Sets the connection up. The channel must outlive it: once it is given up, statements end as interrupted.
 void guard(Database& database, const Channel& channel);
 

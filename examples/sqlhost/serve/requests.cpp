@@ -9,6 +9,11 @@ namespace {
 constexpr RequestKind kKinds[] = {
     {kRequestSql, "statement", kLongestSql, answerSql},
     {kRequestStatus, "status", 0, answerStatus},
+    {kRequestImport, "import", kLongestImport, answerImport},
+    {kRequestRows, "import", kLongestRows, answerRows},
+    {kRequestInsert, "import", 0, answerInsert},
+    {kRequestPause, "backup", sizeof(uint32_t), answerPause},
+    {kRequestResume, "backup", 0, answerResume},
     {kRequestBye, "leaving", 0, nullptr},
 };
 

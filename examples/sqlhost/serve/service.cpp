@@ -68,6 +68,7 @@ Service::Service(Server& server, const std::string& directory, Claimed)
       directory_(prepare(directory)),
       serverLock_(server.context(), directory_.serverLock, LockFile::Missing::make),
       clientsLock_(server.context(), directory_.clientsLock, LockFile::Missing::make),
+      pause_(server.service(), directory_.database),
       sessions_(server.context())
 {}
 
@@ -154,6 +155,7 @@ void Service::run()
         clearAway();
         letIn();
         noticeTheGone();
+        pause_.look();
     }
     server_.setTerminating();
     sessions_.each([this](Session& session) { session.channel().giveUp(server_.context()); });

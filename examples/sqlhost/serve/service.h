@@ -6,6 +6,7 @@
 
 #include "serve/segments.h"
 #include "serve/sessions.h"
+#include "serve/writepause.h"
 #include "server.h"
 #include "wire/handshake.h"
 #include "wire/lockfile.h"
@@ -31,6 +32,8 @@ public:
     const ServerDirectory& directory() const { return directory_; }
     const ServerIdentity& identity() const { return identity_; }
     Sessions& sessions() { return sessions_; }
+    WritePause& pause() { return pause_; }
+    CriticalSection& importTurn() { return importTurn_; }
     unsigned segmentCount() const { return segments_->count(); }
     // Wakes the first thread: a session has ended.
     void wake();
@@ -55,6 +58,8 @@ private:
     LockFile serverLock_;
     LockFile clientsLock_;
     ServerIdentity identity_;
+    WritePause pause_;
+    CriticalSection importTurn_; // held while the rows of an import are inserted
     Sessions sessions_;
     std::optional<Segments> segments_;
     std::optional<Fifo> fromClients_, toClients_;

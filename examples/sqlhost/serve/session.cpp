@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "serve/belongings.h"
 #include "serve/guard.h"
 #include "serve/requestreader.h"
 #include "serve/requests.h"
@@ -50,11 +51,12 @@ try {
 void Session::converse(KEM_PSDCTX_T context)
 {
     std::optional<Database> database;
-    while (answerNext(context, database)) {
+    Belongings belongings(service_.pause());
+    while (answerNext(context, database, belongings)) {
     }
 }
 
-bool Session::answerNext(KEM_PSDCTX_T context, std::optional<Database>& database)
+bool Session::answerNext(KEM_PSDCTX_T context, std::optional<Database>& database, Belongings& belongings)
 {
     Answer answer(context, channel_);
     activity_.store("idle", std::memory_order_relaxed);
@@ -65,7 +67,7 @@ bool Session::answerNext(KEM_PSDCTX_T context, std::optional<Database>& database
         if (!kind.handler) return false;
         activity_.store(kind.what, std::memory_order_relaxed);
         if (!database) guard(database.emplace(service_.directory().database, DatabaseMode::existing), channel_);
-        Desk desk{service_, *database, channel_};
+        Desk desk{service_, *database, channel_, belongings, slot_, client_.pid};
         kind.handler(desk, request.payload, answer);
         answer.finish();
     } catch (const RequestFailure& failure) {

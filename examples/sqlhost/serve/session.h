@@ -14,6 +14,7 @@
 
 namespace sqlhost {
 
+struct Belongings;
 class Service;
 
 class Session {
@@ -40,7 +41,7 @@ private:
     static void* threadBody(void* session);
     void work();
     void converse(KEM_PSDCTX_T context);
-    bool answerNext(KEM_PSDCTX_T context, std::optional<Database>& database);
+    bool answerNext(KEM_PSDCTX_T context, std::optional<Database>& database, Belongings& belongings);
     void refuseAll(const char* why);
 
     Service& service_;

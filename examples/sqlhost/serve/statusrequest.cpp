@@ -32,13 +32,18 @@ private:
     Answer& answer_;
 };
 
+std::string durationText(int64_t seconds)
+{
+    return text("%d:%02d:%02d", static_cast<int>(seconds / 3600), static_cast<int>(seconds / 60 % 60),
+                static_cast<int>(seconds % 60));
+}
+
 std::string timeSince(KEM_PSDCTX_T context, uint64_t stampMicroseconds)
 {
     KEM_TIME_T now = 0;
     KemSdTime(context, &now);
     const int64_t seconds = std::max<int64_t>(0, now - static_cast<int64_t>(stampMicroseconds / 1000000));
-    return text("%d:%02d:%02d", static_cast<int>(seconds / 3600), static_cast<int>(seconds / 60 % 60),
-                static_cast<int>(seconds % 60));
+    return durationText(seconds);
 }
 
 void addLocks(Rows& rows)
@@ -49,11 +54,19 @@ void addLocks(Rows& rows)
     rows.add({"spin rounds before a yield", static_cast<uint64_t>(std::max<int64_t>(0, rounds))});
 }
 
-void addWrites(Rows& rows, const OV_PAUSE_INTERFACE_T& pause)
+std::string pauseText(const WritePause::Shown& pause)
 {
+    return text("paused by client %lld for %s, at most %s", static_cast<long long>(pause.clientPid),
+                durationText(pause.since.count()).c_str(), durationText(pause.limit.count()).c_str());
+}
+
+void addWrites(Rows& rows, Service& service)
+{
+    const OV_PAUSE_INTERFACE_T& pause = service.server().service().pauseinterface;
     const int64_t leases = __atomic_load_n(&pause.lBusyWriteIOCnt, __ATOMIC_RELAXED);
     const bool paused = __atomic_load_n(&pause.bPauseWriteIO, __ATOMIC_RELAXED);
-    rows.add({"writes", paused ? "paused" : "going on"});
+    const auto shown = service.pause().shown();
+    rows.add({"writes", shown ? pauseText(*shown) : paused ? "being paused" : "going on"});
     rows.add({"write leases out", static_cast<uint64_t>(std::max<int64_t>(0, leases))});
 }
 
@@ -90,7 +103,7 @@ void answerStatus(Desk& desk, std::string_view, Answer& answer)
     server.add({"segments", uint64_t{service.segmentCount()}});
     server.add({"clients at most", uint64_t{Segments::kMostClients}});
     addLocks(server);
-    addWrites(server, service.server().service().pauseinterface);
+    addWrites(server, service);
     addMemory(server);
     server.end();
     Rows clients(answer, {"segment", "slot", "client", "state", "requests"});

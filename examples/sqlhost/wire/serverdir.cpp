@@ -22,6 +22,11 @@ ServerDirectory::ServerDirectory(const std::string& named)
 
 std::string ServerDirectory::exchange(unsigned segment) const { return path + text("/exchange.%u", segment); }
 
+std::string ServerDirectory::spool(unsigned segment, unsigned slot) const
+{
+    return path + text("/rows.%u.%u", segment, slot);
+}
+
 std::string ServerIdentity::note() const { return text("%10d %11d %20" PRIu64 "\n", pid, key, stamp); }
 
 std::optional<ServerIdentity> ServerIdentity::fromNote(std::string_view note)
