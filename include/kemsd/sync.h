@@ -226,7 +226,8 @@ KEM_API extern KEM_ULONG_T KEM_SDSYNC_CPUCOUNT;
  * SDSTS_INVALID_PARAM: limit is null. */
 KEM_API KEM_STS_T KemGetSpinUpperLimit(int64_t* limit);
 
-/* The bodies of the two measuring threads. The first starts the second and joins it. They return their status. */
+/* The bodies of the two measuring threads. The first starts the second and joins it. They return their status. One that
+ * fails closes the end that it writes and sets that to -1, so that the other one's read ends, too. */
 KEM_API KEM_STS_T ovSdSyncMeasureContextSwitch1(KemSyncEnvInitThrdArgs* args);
 KEM_API KEM_STS_T ovSdSyncMeasureContextSwitch2(KemSyncEnvInitThrdArgs* args);
 
