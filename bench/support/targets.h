@@ -48,6 +48,10 @@ inline constexpr Target kTargets[] = {
     {"ticket/uncontended", 1.10, 1.0, "std::recursive_mutex"},
     {"exchange/2threads", 1.15, 1.10},
     {"ticket/2threads", 1.15},
+    {"lwexchange/uncontended", 1.05, 1.0, "std::recursive_mutex"},
+    {"lwticket/uncontended", 1.05, 1.0, "std::recursive_mutex"},
+    {"lwexchange/2threads", 1.15, 1.10},
+    {"lwticket/2threads", 1.15},
 
     // Mutexes, events, semaphores: a call of ours is a few instructions around those of the C library.
     {"mutex/pair", 1.10},
@@ -67,6 +71,11 @@ inline constexpr Target kTargets[] = {
     {"pwrite/8KiB", 1.05},
     {"read/8KiB", 1.05},
     {"write/8KiB", 1.05},
+    // While no pause is in force. The floor is the plain write.
+    {"leased-pwrite/64B", 1.05},
+    {"leased-pwrite/8KiB", 1.05},
+    {"leased-write/64B", 1.05},
+    {"leased-write/8KiB", 1.05},
 };
 
 constexpr Target targetOf(std::string_view load)

@@ -19,7 +19,8 @@ typedef int KEM_SMEMHDL_T;
  * make it, 16 fail if it exists (ignored in failover mode); permissions for all by 2 or 4 (read and write), else by 1
  * (read). bt32IFlag is unused.
  * SDSTS_INVALID_PARAM: a null pointer. SDSTS_IPC_KEY: the path does not exist; the key is -1. SDSTS_IPC_CREATE: the
- * system refused the segment, or attaching it; a segment just made then stays. Both with errno. */
+ * system refused the segment, its id is -1; or attaching it, its address is (void*)-1. KemSdSharedMemFree with these
+ * removes a segment that nobody could attach. Both with errno. */
 KEM_API KEM_FUNC_M KemSdSharedMemAlloc(KEM_PSDCTX_T pSdCtx, const char* pszSMemName, KEM_SIZE_T sizeSMem,
                                        KEM_BIT32_T bt32OFlag, KEM_BIT32_T bt32IFlag, KEM_SMEMHDL_T* phSMem,
                                        KEM_IPCKEY_T* pipcKey, KEM_PPVOID_T ppvBase);
@@ -60,10 +61,11 @@ KEM_API KEM_STS_T KemSdSharedMemNameConvert(const char* pszName, KEM_INT_T ipcid
  * its buffer.
  *
  * These calls return their status and leave the context to the semaphore and memory calls that they make; these report
- * SDSTS_CNTSEM_TIMEOUT and SDSTS_CNTSEM_REQUEST (sync.h). Everywhere SDSTS_INVALID_PARAM means a null pointer, a slot
- * beyond the segment's five, or a segment that is not attached. Slots are independent, and so are the two directions of
- * one; one thread at a time may use one direction of one slot. Only KemGetSharedMemChunk and KemPutSharedMemChunk may
- * be called by any thread at any time. */
+ * SDSTS_CNTSEM_TIMEOUT, SDSTS_CNTSEM_REQUEST and, when posting, SDSTS_CNTSEM_CLEAR (sync.h). Everywhere
+ * SDSTS_INVALID_PARAM means a null pointer, a slot beyond the segment's five, or, where bytes or codes are exchanged, a
+ * segment that is not attached. Slots are independent, and so are the two directions of one; one thread at a time may
+ * use one direction of one slot. Only KemGetSharedMemChunk and KemPutSharedMemChunk may be called by any thread at any
+ * time. */
 
 #define SHMEM_CHUNK_SIZE 2048
 #define SHMEM_SEG_SIZE 5
@@ -94,7 +96,7 @@ typedef struct OV_SHAREDMEM_SEG_T {
     KEM_SMEMHDL_T shmemHdl;                        /* 0: none, unless buffer is an address */
     SHMEM_CHUNK_REC_T chunkRec[2][SHMEM_SEG_SIZE]; /* [0] reading, [1] writing */
     char* buffer;                                  /* where it is attached; 0xdeadbeef: not yet */
-    KEM_LONG_T lShmTimeOut;                        /* of every semaphore request, in milliseconds as sync.h says */
+    KEM_LONG_T lShmTimeOut;                        /* of every semaphore request: see KemCreateSharedMemSeg */
     KEM_PROCID_T masterPID;                        /* the server that the entry was made for, */
     KEM_IPCKEY_T masteripcKey;                     /* and its key */
 } OV_SHAREDMEM_SEG_T;
@@ -113,7 +115,8 @@ KEM_STATIC_ASSERT(sizeof(SHMEM_CHUNK_REC_T) == 12, "stream record");
  * KemCreateSharedMemSeg and KemSetSharedMemSegBuffer. A client's entry that was made for another server than
  * curmasterPID and curmasteripcKey has been detached and is to be created anew. An entry of the other side is no match,
  * but keeps bCreate from making one. An empty name with bCreate stands for the first entry of the list. Both flags may
- * be null; without pbWait nobody is told to wait.
+ * be null; without pbWait nobody is told to wait. A new entry has no name before KemCreateSharedMemSeg gives it one:
+ * who guards the list lets nobody else search it between the two calls.
  * SDSTS_INVALID_PARAM: null name, list or ppShMemSeg. SDSTS_NO_MEMORY, or another status of the allocator: no entry was
  * made. A failure to delete the old objects of a client's entry. */
 KEM_API KEM_STS_T KemFindShareMemSeg(KEM_PSDCTX_T pSdCtx, const char* name, SHMEM_USERTYPE_T type,
@@ -123,15 +126,19 @@ KEM_API KEM_STS_T KemFindShareMemSeg(KEM_PSDCTX_T pSdCtx, const char* name, SHME
 
 /* Fills the descriptor, makes or opens its semaphore set (KemSdShSemSetCreate) and its shared memory
  * (KemSdSharedMemAlloc) by the flags omode, imode, and stores the address in *pBuf, the key in *pipcKey. With flag 8 in
- * omode they are made, which the server does; the client opens them. lTimeOut goes for every semaphore request.
+ * omode they are made, which the server does; the client opens them.
+ * lTimeOut goes for every semaphore request as sync.h says, and is to be -1 or positive, to wait as long as it takes.
+ * With any other value a semaphore that is not ready at once is taken late and reported as a time-out: the exchange has
+ * then lost it, and its direction stands still for ever.
  * SDSTS_SHMEM_BAD_SEGMENT: a name of 1029 characters or more, or no such side. Otherwise the status of the failing
- * call; the descriptor's semaphore set is then null and a set made here is removed. */
+ * call; the descriptor's semaphore set is then null, a set made here is removed, and *pBuf is left alone. The entry
+ * keeps the name until KemSetSharedMemSegBuffer empties it. */
 KEM_API KEM_STS_T KemCreateSharedMemSeg(KEM_PSDCTX_T pSdCtx, const char* name, SHMEM_USERTYPE_T type, KEM_BIT32_T omode,
                                         KEM_BIT32_T imode, OV_SHAREDMEM_SEG_T* pShMemSeg0, KEM_LONG_T lTimeOut,
                                         KEM_IPCKEY_T* pipcKey, char** pBuf);
 
 /* Ends an entry's objects, not the entry: a server removes its semaphore set, a client only forgets it; the shared
- * memory is detached. The status of the failing call. */
+ * memory is detached. What has been ended is not ended again by a second call. The status of the failing call. */
 KEM_API KEM_STS_T KemDeleteSingleSharedMemSeg(KEM_PSDCTX_T pSdCtx, OV_SHAREDMEM_SEG_T* pShMemEntry);
 
 /* The same for each entry of a list, which goes with its objects; an entry whose objects could not be ended stays, with
@@ -146,8 +153,8 @@ KEM_API KEM_STS_T KemGetSharedMemChunk(KEM_PSDCTX_T pSdCtx, OV_SHAREDMEM_SEG_T* 
 KEM_API KEM_STS_T KemPutSharedMemChunk(KEM_PSDCTX_T pSdCtx, OV_SHAREDMEM_SEG_T* pShMem, KEM_LONG_T ChunkId);
 
 /* Adds size bytes to what is gathered in the slot's buffer and sends it whenever the buffer is full and, with flush, at
- * the end. A piece that does not fit is split, or, without bSplit, goes into a message of its own after sending what
- * was gathered; such a piece must not be longer than 2040 bytes (SDSTS_INVALID_PARAM). A size of 0 does nothing.
+ * the end. A piece that does not fit is split, or, without bSplit, goes into a message of its own, sent at once behind
+ * what was gathered; such a piece must not be longer than 2040 bytes (SDSTS_INVALID_PARAM). A size of 0 does nothing.
  * -1: an earlier transfer failed. The status of a failing semaphore call; if it was the sending, the direction has
  * failed for good: chunkRec[1][slot].hdr.code is -3 (0xFFFFFFFD) until the caller clears the record. */
 KEM_API KEM_STS_T KemWriteSharedMemChunk(KEM_PSDCTX_T pSdCtx, OV_SHAREDMEM_SEG_T* pShMem, KEM_LONG_T ChunkId,
@@ -157,17 +164,20 @@ KEM_API KEM_STS_T KemWriteSharedMemChunk(KEM_PSDCTX_T pSdCtx, OV_SHAREDMEM_SEG_T
 KEM_API KEM_STS_T KemWriteSharedMemChunkCode(KEM_PSDCTX_T pSdCtx, OV_SHAREDMEM_SEG_T* pShMem, KEM_LONG_T ChunkId,
                                              KEM_ULONG_T code);
 
-/* Takes size bytes, waiting for as many messages as they need; the reader must ask for what the writer wrote. With
- * lookForTerminator it takes one string with its NUL instead, from one message, and size is ignored: the buffer must
- * have 2040 bytes. *pCode, which may be null, is 0; or the code that came instead of data, and the call ends there.
+/* Takes size bytes, waiting for as many messages as they need; the reader must ask for what the writer wrote, for what
+ * it asks beyond the end of a message comes from the buffer, stale, until that ends too. *pCode, which may be null, is
+ * set whenever a message begins: to 0, or to the code that came instead of data, and the call ends there.
+ * With lookForTerminator it takes one string with its NUL instead, from one message, and size is ignored: the buffer
+ * must have 2040 bytes. A peer may send a string without a NUL, which comes as it is: let the buffer have 2041 bytes,
+ * the last of them 0.
  * -1: an earlier transfer failed. -3, also in *pCode: the buffer could not be given back; the direction has failed for
  * good, as above with chunkRec[0]. Otherwise the status of the failing semaphore call. */
 KEM_API KEM_STS_T KemReadSharedMemChunk(KEM_PSDCTX_T pSdCtx, OV_SHAREDMEM_SEG_T* pShMem, KEM_LONG_T ChunkId,
                                         KEM_ULONG_T size, KEM_BOOL_T lookForTerminator, KEM_PULONG_T pCode,
                                         char* buffer);
 
-/* Waits for the next message and stores its code; data it carries is discarded. SDSTS_SHMEM_READ_BUSY: an earlier
- * transfer failed. Otherwise the status of the failing semaphore call. */
+/* Waits for the next message and stores its code; data it carries is discarded, and so is what is left of the message
+ * before. SDSTS_SHMEM_READ_BUSY: an earlier transfer failed. Otherwise the status of the failing semaphore call. */
 KEM_API KEM_STS_T KemReadSharedMemChunkCode(KEM_PSDCTX_T pSdCtx, OV_SHAREDMEM_SEG_T* pShMem, KEM_LONG_T ChunkId,
                                             KEM_PULONG_T pCode);
 

@@ -530,10 +530,12 @@ typedef struct KEM_SHSEMSET_T {
 } KEM_SHSEMSET_T;
 
 /* Makes a set of `size` members with these initial values (each cut to 16 bits), or opens an existing one, and stores
- * its new descriptor. bt32Flag: 8 make it, 16 fail if it exists; permissions for the owner by 2 (0100), else, when 1 is
- * not set, by 4 (0200, which requests and clears need). pulMaxCount is ignored.
+ * its new descriptor. bt32Flag: 8 make it, 16 fail if it exists, or else its values are set anew; permissions for the
+ * owner by 2 (0100, which only root can use), else, when 1 is not set, by 4 (0200, which requests and clears need).
+ * pulMaxCount is ignored.
  * SDSTS_INVALID_PARAM: no or an empty name, null pulInitialCount or ppShSemSet, a size of 0 with flag 8. SDSTS_IPC_KEY:
- * the path does not exist. SDSTS_IPC_CREATE: the system refused the set; null is stored. With osRetCode being errno.
+ * the path does not exist; nothing is stored. SDSTS_IPC_CREATE: the system refused the set, or with flag 8 one of
+ * another size exists (EINVAL); null is stored. With osRetCode being errno.
  * SDSTS_CNTSEM_CREATE: it refused the initial values; the set is removed, osRetCode is -1, and *ppShSemSet is left
  * pointing at a descriptor that is gone. SDSTS_NO_MEMORY, or another status of the allocator: null is stored and no set
  * is left. */
@@ -544,8 +546,8 @@ KEM_API KEM_FUNC_M KemSdShSemSetCreate(KEM_PSDCTX_T pSdCtx, const char* pszSemNa
 /* Takes one from a member, waiting while it is 0. With lTimeout 0, or negative other than -1, it spins until it gets
  * it, and says SDSTS_CNTSEM_TIMEOUT although it has it if it did not get it at once. A positive lTimeout in practice
  * waits without limit: the system is given a time of day where it takes an interval.
- * SDSTS_INVALID_PARAM: null, or an index beyond a set made here. SDSTS_CNTSEM_TIMEOUT: time ran out.
- * SDSTS_CNTSEM_REQUEST: the system refused, the set was removed; osRetCode is errno. */
+ * SDSTS_INVALID_PARAM: null, or an index beyond a set made here. SDSTS_CNTSEM_TIMEOUT with EAGAIN: time ran out.
+ * SDSTS_CNTSEM_REQUEST with errno: the system refused; EIDRM or EINVAL when the set was removed. */
 KEM_API KEM_FUNC_M KemSdShSemSetRequest(KEM_PSDCTX_T pSdCtx, KEM_USHORT_T index, KEM_SHSEMSET_T* pShSemSet,
                                         KEM_LONG_T lTimeout);
 

@@ -165,7 +165,8 @@ uint32_t copyString(const Stream& stream, char* to)
 {
     const char* const from = stream.chunk + stream.record.offset;
     const uint32_t most = std::min(stream.record.hdr.size, room(stream));
-    const auto length = static_cast<uint32_t>(strnlen(from, most));
+    // Bounded once more: a scan over bytes that change under it may say anything.
+    const auto length = static_cast<uint32_t>(std::min<size_t>(strnlen(from, most), most));
     const bool terminated = length < most || most == 0;
     const uint32_t count = length + (terminated ? 1 : 0);
     memcpy(to, from, count);

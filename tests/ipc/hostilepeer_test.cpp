@@ -28,8 +28,10 @@ namespace {
 
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 constexpr int kReads = 4000;
+constexpr int kGridSlots[] = {0, 4};
 #else
 constexpr int kReads = 40000;
+constexpr int kGridSlots[] = {0, 1, 2, 3, 4};
 #endif
 
 constexpr size_t kPage = 4096;
@@ -120,6 +122,7 @@ public:
             const std::string rest = payload_.substr(at_, left_);
             const size_t nul = rest.find('\0');
             take(call, rest.empty() ? 1 : nul == std::string::npos ? rest.size() : nul + 1);
+            if (rest.empty()) call.bytes = std::string(1, '\0'); // of nothing comes the empty string
         }
         return call;
     }
@@ -229,14 +232,15 @@ protected:
     }
 
     // The caller's memory holds these bytes at that place and is untouched elsewhere; then it is made so again.
-    void expectCallerHolds(const char* at, const std::string& bytes)
+    void expectCallerHolds(char* at, const std::string& bytes)
     {
-        const std::string whole(caller.begin(), caller.size());
-        const auto begin = static_cast<size_t>(at - caller.begin());
-        EXPECT_EQ(whole.compare(begin, bytes.size(), bytes), 0) << "the bytes are those of the slot's buffer";
-        EXPECT_EQ(whole.substr(0, begin).find_first_not_of(kUntouched), std::string::npos) << "before the caller's";
-        EXPECT_EQ(whole.find_first_not_of(kUntouched, begin + bytes.size()), std::string::npos) << "behind the bytes";
-        memset(caller.begin(), kUntouched, caller.size());
+        const auto before = static_cast<size_t>(at - caller.begin());
+        const char* const behind = at + bytes.size();
+        EXPECT_EQ(memcmp(at, bytes.data(), bytes.size()), 0) << "the bytes are those of the slot's buffer";
+        EXPECT_EQ(memcmp(caller.begin(), untouched.data(), before), 0) << "before the caller's place";
+        EXPECT_EQ(memcmp(behind, untouched.data(), static_cast<size_t>(caller.end() - behind)), 0)
+            << "behind the bytes";
+        memset(at, kUntouched, bytes.size());
     }
 
     // Twice in a row, so that the second call finds what the first left over.
@@ -282,6 +286,7 @@ protected:
     RawPeer peer{path, otherSide(GetParam())};
     char* own = nullptr;
     FencedPages caller{17};
+    const std::string untouched = std::string(caller.size(), kUntouched);
 };
 
 INSTANTIATE_TEST_SUITE_P(LibraryAs, HostilePeer, testing::Values(RawSide::Client, RawSide::Server),
@@ -306,7 +311,7 @@ void forEveryHeader(Body body)
 TEST_P(HostilePeer, AnyHeaderIsReadWithinTheBuffers)
 {
     const FencedView view(peer.segment());
-    for (int slot = 0; slot < kRawSlots; ++slot) {
+    for (const int slot : kGridSlots) {
         fence(view, slot);
         forEveryHeader([&](const Header& header) {
             for (const uint32_t wanted : kWanted) {
@@ -321,7 +326,7 @@ TEST_P(HostilePeer, AnyHeaderIsReadWithinTheBuffers)
 TEST_P(HostilePeer, StringUnderAnyHeaderIsFoundWithinTheBuffers)
 {
     const FencedView view(peer.segment());
-    for (int slot = 0; slot < kRawSlots; ++slot) {
+    for (const int slot : kGridSlots) {
         fence(view, slot);
         forEveryHeader([&](const Header& header) {
             for (const size_t nul : kNuls) {
@@ -335,7 +340,7 @@ TEST_P(HostilePeer, StringUnderAnyHeaderIsFoundWithinTheBuffers)
 TEST_P(HostilePeer, CodeOfAnyHeaderIsTakenAndItsSizeForgotten)
 {
     const FencedView view(peer.segment());
-    for (int slot = 0; slot < kRawSlots; ++slot) {
+    for (const int slot : kGridSlots) {
         fence(view, slot);
         forEveryHeader([&](const Header& header) {
             const std::string payload = payloadWithNulAt(7);
@@ -364,7 +369,7 @@ TEST_P(HostilePeer, CodeNeedsNoPlaceToBeStored)
 TEST_P(HostilePeer, WriterLooksAtNothingThatThePeerWrote)
 {
     const FencedView view(peer.segment());
-    for (int slot = 0; slot < kRawSlots; ++slot) {
+    for (const int slot : kGridSlots) {
         fence(view, slot);
         forEveryHeader([&](const Header& header) {
             char* const at = peer.base() + rawBuffer(GetParam(), slot);

@@ -72,6 +72,7 @@ struct Moment {
 
 Moment sleepAsked;
 Moment deadlineAsked;
+Moment intervalAsked;
 Moment standing; // where the real-time clock stands still
 std::atomic<bool> standsStill{false};
 std::atomic<long> stray{0};
@@ -264,6 +265,8 @@ PlannedTimes::PlannedTimes(std::vector<int64_t> nanoseconds)
 
 PlannedTimes::~PlannedTimes() { plannedTimes.clear(); }
 
+timespec lastInterval() { return intervalAsked.load(); }
+
 long liveBlocks() { return live; }
 
 void* lastBlock() { return newest; }
@@ -324,6 +327,15 @@ time_t __real_time(time_t* now);
 int __real_gettimeofday(timeval* now, void* zone);
 int __real_close(int fd);
 int __real_clock_gettime(clockid_t clock, timespec* now);
+int __real_semtimedop(int id, sembuf* operations, size_t count, const timespec* limit);
+
+int __wrap_semtimedop(int id, sembuf* operations, size_t count, const timespec* limit)
+{
+    const Passage passage(Call::semtimedop);
+    if (limit) intervalAsked.store(*limit);
+    if (fails(Call::semtimedop)) return failedResult<int>(Call::semtimedop, Failure::Minus1);
+    return __real_semtimedop(id, operations, count, limit);
+}
 
 int __real_semctl(int id, int member, int command, ...);
 

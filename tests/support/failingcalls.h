@@ -76,9 +76,11 @@ private:
 
 // Calls since the last resetCalls(), by all threads of the process.
 long calls(Call call);
-// The duration last asked of nanosleep, and the deadline of pthread_cond_timedwait, by any thread.
+// What was last asked of nanosleep (a duration), pthread_cond_timedwait (a deadline) and semtimedop (an interval), by
+// any thread.
 struct timespec lastSleep();
 struct timespec lastDeadline();
+struct timespec lastInterval();
 void resetCalls();
 
 // While it lives, the real-time clock stands still: time, gettimeofday and clock_gettime(CLOCK_REALTIME) answer this.

@@ -33,6 +33,11 @@ inline constexpr size_t kRawSegmentBytes = 20480;
 
 enum class RawSide { Client, Server };
 
+inline std::ostream& operator<<(std::ostream& out, RawSide side)
+{
+    return out << (side == RawSide::Client ? "client" : "server");
+}
+
 constexpr RawSide otherSide(RawSide side) { return side == RawSide::Client ? RawSide::Server : RawSide::Client; }
 
 // Where a side writes for a slot, and the two members that go with it.

@@ -4,30 +4,15 @@
 
 #include <sched.h>
 
-#include <algorithm>
-#include <numeric>
 #include <thread>
 #include <vector>
 
-#include "sd/base/atomic.h"
-#include "sync/waiting.h"
+#include "sync/crowd.h"
 
 namespace kemsd::test {
 
 // The sanitizers slow a passage down; this part of a load is enough for them.
-#if defined(__SANITIZE_THREAD__)
-constexpr bool kSeesRaces = true;
-constexpr long kShare = 10;
-#elif defined(__SANITIZE_ADDRESS__)
-constexpr bool kSeesRaces = false;
-constexpr long kShare = 10;
-#else
-constexpr bool kSeesRaces = false;
-constexpr long kShare = 1;
-#endif
-
-// More threads than processors, so that owners lose theirs inside.
-inline int threadCount() { return static_cast<int>(std::max(4u, 2 * std::thread::hardware_concurrency())); }
+constexpr long kShare = kSanitized ? 10 : 1;
 
 // What a lock protects: two words that are equal outside the critical section, and a count of passages.
 struct Guarded {
@@ -51,23 +36,6 @@ bool pass(Guarded& guarded, long mark, Between between)
 
 // Keeps the compiler from carrying the guarded words over in registers.
 inline void forgetMemory() { __atomic_signal_fence(__ATOMIC_SEQ_CST); }
-
-// Runs body(i) in `count` threads, which start when all of them are there, and returns the sum of the results.
-template <class Body>
-long together(int count, Body body)
-{
-    int there = 0;
-    std::vector<long> results(static_cast<size_t>(count));
-    std::vector<std::thread> threads;
-    for (int i = 0; i < count; ++i)
-        threads.emplace_back([&, i] {
-            __atomic_fetch_add(&there, 1, __ATOMIC_RELAXED);
-            eventually([&] { return sd::loadRelaxed(there) == count; });
-            results[static_cast<size_t>(i)] = body(i);
-        });
-    for (std::thread& thread : threads) thread.join();
-    return std::accumulate(results.begin(), results.end(), 0L);
-}
 
 // The passages of all threads through a lock whose load is `acquisitions` in a release build. Lock has acquire(),
 // release() and holds(depth), which says whether the calling thread holds it so deep.
