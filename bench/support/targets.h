@@ -60,7 +60,7 @@ inline constexpr Target kTargets[] = {
     {"signalwait/pair", 1.10},
     {"stdevent/pair", 1.10},
     {"countingevent/pair", 1.10},
-    {"cntsem/pair", 1.35},
+    {"cntsem/pair", 1.10},
     {"signalwait/pingpong", 1.05},
     {"stdevent/pingpong", 1.05},
     {"countingevent/pingpong", 1.05},

@@ -479,7 +479,9 @@ KEM_API KEM_FUNC_M KemSdEventSignal(KEM_PSDCTX_T pSdCtx, KEM_PEVENTHDL_T phEvent
 KEM_API KEM_FUNC_M KemSdEventWait(KEM_PSDCTX_T pSdCtx, KEM_PEVENTHDL_T phEvent, KEM_LONG_T lTimeout);
 
 /* Waits until the event is clear and sets it: each clearing lets one caller pass. The time-out is coarse: up to the
- * whole second after lTimeout's whole seconds, 0 to 1 second longer than they say. Statuses as above. */
+ * whole second after lTimeout's whole seconds, 0 to 1 second longer than they say. Statuses as above. An event cleared
+ * as the time runs out stays clear for the next caller; KemSdEventSignal may have spent its one wake-up on the caller
+ * that gives up, so clear where waiters have time-outs. */
 KEM_API KEM_FUNC_M KemSdSignalWait(KEM_PSDCTX_T pSdCtx, KEM_PEVENTHDL_T phEvent, KEM_LONG_T lTimeout);
 
 /* Does nothing; 0. */
