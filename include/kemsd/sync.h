@@ -438,7 +438,8 @@ KEM_API KEM_FUNC_M KemSdMutexRequest(KEM_PSDCTX_T pSdCtx, KEM_PMUTEXHDL_T phMute
 /* Gives it back. SDSTS_INVALID_PARAM: null. SDSTS_SEM_CLEAR: the system refused; osRetCode is its error number. */
 KEM_API KEM_FUNC_M KemSdMutexClear(KEM_PSDCTX_T pSdCtx, KEM_PMUTEXHDL_T phMutex);
 
-/* Ends it; it must not be null. SDSTS_MUTEX_CLOSE: the system refused, it is held; osRetCode is the error number. */
+/* Ends it. SDSTS_INVALID_PARAM: null. SDSTS_MUTEX_CLOSE: the system refused, it is held; osRetCode is its error number.
+ */
 KEM_API KEM_FUNC_M KemSdMutexClose(KEM_PSDCTX_T pSdCtx, KEM_PMUTEXHDL_T phMutex);
 
 /* The same four under names of their own, entering without time-out: SDSTS_CRITSEC_INIT, SDSTS_CRITSEC_ENTER and

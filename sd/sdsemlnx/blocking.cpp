@@ -274,6 +274,7 @@ KEM_FUNC_M KemSdMutexClear(KEM_PSDCTX_T pSdCtx, KEM_PMUTEXHDL_T phMutex)
 
 KEM_FUNC_M KemSdMutexClose(KEM_PSDCTX_T pSdCtx, KEM_PMUTEXHDL_T phMutex)
 {
+    if (!phMutex) return finishInvalid(pSdCtx);
     return finishResult(pSdCtx, pthread_mutex_destroy(phMutex), SDSTS_MUTEX_CLOSE);
 }
 
