@@ -1,4 +1,4 @@
-// Spinlocks, both variants: a pair that nobody disturbs, and two threads that want the same lock.
+// Spinlocks and lightweight locks, both variants: a pair that nobody disturbs, and two threads that want the same lock.
 #include <benchmark/benchmark.h>
 #include <kemsd/sync.h>
 #include <pthread.h>
@@ -7,6 +7,7 @@
 #include <string>
 
 #include "support/floorlock.h"
+#include "support/floorlwlock.h"
 #include "support/processor.h"
 #include "support/report.h"
 
@@ -79,6 +80,58 @@ struct InlinedFloor {
             floorReleaseTicket(lock.ticket);
         else
             floorReleaseExchange(lock.xchg);
+    }
+};
+
+template <Variant variant>
+struct OursLW {
+    alignas(64) static inline KEM_LWSPINLOCK_T lock;
+
+    static void prepare()
+    {
+        KemSdSetHardwareAcceleration(variant == Variant::ticket);
+        KemSdLWSpinlockInit(&lock);
+    }
+    void acquire() const { KemSdLWSpinlockAcquire(&lock); }
+    void release() const { KemSdLWSpinlockRelease(&lock); }
+};
+
+template <Variant variant>
+struct FloorLW {
+    alignas(64) static inline KEM_LWSPINLOCK_T lock;
+
+    static void prepare()
+    {
+        floorUseTicketLocks(variant == Variant::ticket);
+        lock = {};
+        if (variant == Variant::exchange) lock.xchg.slock = 1;
+    }
+    void acquire() const { floorLWSpinlockAcquire(&lock); }
+    void release() const { floorLWSpinlockRelease(&lock); }
+};
+
+template <Variant variant>
+struct InlinedFloorLW {
+    alignas(64) static inline KEM_LWSPINLOCK_T lock;
+
+    static void prepare()
+    {
+        lock = {};
+        if (variant == Variant::exchange) lock.xchg.slock = 1;
+    }
+    void acquire() const
+    {
+        if constexpr (variant == Variant::ticket)
+            floorAcquireLWTicket(lock.ticket);
+        else
+            floorAcquireLWExchange(lock.xchg);
+    }
+    void release() const
+    {
+        if constexpr (variant == Variant::ticket)
+            floorReleaseLWTicket(lock.ticket);
+        else
+            floorReleaseLWExchange(lock.xchg);
     }
 };
 
@@ -192,19 +245,23 @@ void addPeers(const std::string& variant)
 #endif
 }
 
-template <Variant variant>
-void addVariant(const std::string& name)
+template <template <Variant> class Lock, template <Variant> class Least, template <Variant> class Inlined>
+void addBothVariants(const std::string& prefix)
 {
-    addLock<Ours<variant>>(name, kOurs);
-    addLock<Floor<variant>>(name, kFloor);
-    addLock<InlinedFloor<variant>>(name, kInlinedFloor);
-    addPeers(name);
+    addLock<Lock<Variant::exchange>>(prefix + "exchange", kOurs);
+    addLock<Least<Variant::exchange>>(prefix + "exchange", kFloor);
+    addLock<Inlined<Variant::exchange>>(prefix + "exchange", kInlinedFloor);
+    addPeers(prefix + "exchange");
+    addLock<Lock<Variant::ticket>>(prefix + "ticket", kOurs);
+    addLock<Least<Variant::ticket>>(prefix + "ticket", kFloor);
+    addLock<Inlined<Variant::ticket>>(prefix + "ticket", kInlinedFloor);
+    addPeers(prefix + "ticket");
 }
 
 void addBenchmarks()
 {
-    addVariant<Variant::exchange>("exchange");
-    addVariant<Variant::ticket>("ticket");
+    addBothVariants<Ours, Floor, InlinedFloor>("");
+    addBothVariants<OursLW, FloorLW, InlinedFloorLW>("lw");
 }
 
 } // namespace

@@ -17,6 +17,8 @@ namespace {
 
 using sd::fail;
 using sd::finish;
+using sd::finishInvalid;
+using sd::finishResult;
 using sd::ok;
 using sd::Outcome;
 using sd::SourcePoint;
@@ -77,42 +79,47 @@ void addSignal(KEM_COUNTINGEVENT_T& event) { ++event.counter; }
 void consume(KEM_STDEVENT_T& event) { event.is_signaled = FALSE; }
 void consume(KEM_COUNTINGEVENT_T& event) { --event.counter; }
 
-// ---- What both do
+// ---- What both do. A result is 0 or the number of the one refusal that is reported
 
 // `fresh` holds the word's first value. The caller's record is written only when everything has succeeded.
 template <class Event>
-Outcome create(Event* pEvent, Event fresh, const Places& places)
+int create(Event& event, Event fresh, const SourcePoint& destroy)
 {
-    if (!pEvent) return fail(SDSTS_INVALID_PARAM);
-    if (const int result = pthread_mutex_init(&fresh.mutex, nullptr)) return fail(SDSTS_EVENT_CREATE, result);
+    if (const int result = pthread_mutex_init(&fresh.mutex, nullptr)) return result;
     if (const int result = pthread_cond_init(&fresh.cond, nullptr)) {
-        mustBeZero(places.createDestroy, pthread_mutex_destroy(&fresh.mutex));
-        return fail(SDSTS_EVENT_CREATE, result);
+        mustBeZero(destroy, pthread_mutex_destroy(&fresh.mutex));
+        return result;
     }
-    *pEvent = fresh;
-    return ok();
+    event = fresh;
+    return 0;
 }
 
 template <class Event>
-Outcome set(Event* pEvent, const Places& places)
+int set(Event& event, const Places& places)
 {
-    if (!pEvent) return fail(SDSTS_INVALID_PARAM);
-    if (const int result = pthread_mutex_lock(&pEvent->mutex)) return fail(SDSTS_EVENT_CLEAR, result);
-    addSignal(*pEvent);
-    mustBeZero(places.setSignal, pthread_cond_signal(&pEvent->cond));
-    mustBeZero(places.setUnlock, pthread_mutex_unlock(&pEvent->mutex));
-    return ok();
+    if (const int result = pthread_mutex_lock(&event.mutex)) return result;
+    addSignal(event);
+    mustBeZero(places.setSignal, pthread_cond_signal(&event.cond));
+    mustBeZero(places.setUnlock, pthread_mutex_unlock(&event.mutex));
+    return 0;
+}
+
+// Sleeping begins and ends with the mutex held. It stands apart, so that the straight way saves few registers.
+template <class Event>
+[[gnu::noinline]] void sleepUntilSignaled(Event& event, const SourcePoint& place)
+{
+    while (!signaled(event)) mustBeZero(place, pthread_cond_wait(&event.cond, &event.mutex));
 }
 
 template <class Event>
-Outcome wait(Event* pEvent, const Places& places)
+int wait(Event& event, const Places& places)
 {
-    if (!pEvent) return fail(SDSTS_INVALID_PARAM);
-    if (const int result = pthread_mutex_lock(&pEvent->mutex)) return fail(SDSTS_EVENT_WAIT, result);
-    while (!signaled(*pEvent)) mustBeZero(places.waitWait, pthread_cond_wait(&pEvent->cond, &pEvent->mutex));
-    consume(*pEvent);
-    mustBeZero(places.waitUnlock, pthread_mutex_unlock(&pEvent->mutex));
-    return ok();
+    if (const int result = pthread_mutex_lock(&event.mutex)) return result;
+    if (!signaled(event)) [[unlikely]]
+        sleepUntilSignaled(event, places.waitWait);
+    consume(event);
+    mustBeZero(places.waitUnlock, pthread_mutex_unlock(&event.mutex));
+    return 0;
 }
 
 constexpr timespec wakeUpTime(timespec now, KEM_ULONG_T milliseconds)
@@ -130,10 +137,9 @@ timespec makeWakeUpTime(KEM_ULONG_T milliseconds)
     return wakeUpTime(now, milliseconds);
 }
 
-// Sleeps, the mutex held before and after, until the event is signalled; false when the time is up first.
-// Deliberate: a signal that has come by the end of the time is not looked at; it is left for the next wait.
+// False when the time is up. Deliberate: a signal that has come by then is not looked at; it is left for the next wait.
 template <class Event>
-bool signaledBy(Event& event, const timespec& wakeUp, const SourcePoint& place)
+bool sleepUntil(Event& event, const timespec& wakeUp, const SourcePoint& place)
 {
     while (!signaled(event)) {
         const int result = pthread_cond_timedwait(&event.cond, &event.mutex, &wakeUp);
@@ -144,84 +150,97 @@ bool signaledBy(Event& event, const timespec& wakeUp, const SourcePoint& place)
 }
 
 template <class Event>
-Outcome timedWait(Event* pEvent, KEM_LONG_T milliseconds, const Places& places)
+Outcome timedWait(Event& event, KEM_ULONG_T milliseconds, const Places& places)
 {
-    if (milliseconds < 0) return wait(pEvent, places);
-    if (!pEvent) return fail(SDSTS_INVALID_PARAM);
-    const timespec wakeUp = makeWakeUpTime(static_cast<KEM_ULONG_T>(milliseconds));
-    if (const int result = pthread_mutex_lock(&pEvent->mutex)) return fail(SDSTS_EVENT_WAIT, result);
-    const bool inTime = signaledBy(*pEvent, wakeUp, places.timedWait);
-    if (inTime) consume(*pEvent);
-    mustBeZero(places.timedUnlock, pthread_mutex_unlock(&pEvent->mutex));
+    const timespec wakeUp = makeWakeUpTime(milliseconds);
+    if (const int result = pthread_mutex_lock(&event.mutex)) return fail(SDSTS_EVENT_WAIT, result);
+    const bool inTime = sleepUntil(event, wakeUp, places.timedWait);
+    if (inTime) consume(event);
+    mustBeZero(places.timedUnlock, pthread_mutex_unlock(&event.mutex));
     return inTime ? ok() : fail(SDSTS_EVENT_TIMEOUT);
 }
 
 template <class Event>
-Outcome close(Event* pEvent, const Places& places)
+void destroy(Event& event, const Places& places)
 {
-    if (!pEvent) return fail(SDSTS_INVALID_PARAM);
-    mustBeZero(places.closeMutex, pthread_mutex_destroy(&pEvent->mutex));
-    mustBeZero(places.closeCond, pthread_cond_destroy(&pEvent->cond));
-    return ok();
+    mustBeZero(places.closeMutex, pthread_mutex_destroy(&event.mutex));
+    mustBeZero(places.closeCond, pthread_cond_destroy(&event.cond));
 }
 
 } // namespace
 
 KEM_FUNC_M KemSdStdEventCreate(KEM_PSDCTX_T pSdCtx, KEM_STDEVENT_T* pEvent)
 {
-    return finish(pSdCtx, create(pEvent, {}, kStandard));
+    if (!pEvent) return finishInvalid(pSdCtx);
+    return finishResult(pSdCtx, create(*pEvent, {}, kStandard.createDestroy), SDSTS_EVENT_CREATE);
 }
 
 KEM_FUNC_M KemSdCountingEventCreate(KEM_PSDCTX_T pSdCtx, KEM_COUNTINGEVENT_T* pEvent, KEM_ULONG_T initialValue)
 {
-    return finish(pSdCtx, create(pEvent, {.mutex{}, .cond{}, .counter = initialValue}, kCounting));
+    if (!pEvent) return finishInvalid(pSdCtx);
+    return finishResult(pSdCtx, create(*pEvent, {.mutex{}, .cond{}, .counter = initialValue}, kCounting.createDestroy),
+                        SDSTS_EVENT_CREATE);
 }
 
 KEM_FUNC_M KemSdStdEventSet(KEM_PSDCTX_T pSdCtx, KEM_STDEVENT_T* pEvent)
 {
-    return finish(pSdCtx, set(pEvent, kStandard));
+    if (!pEvent) return finishInvalid(pSdCtx);
+    return finishResult(pSdCtx, set(*pEvent, kStandard), SDSTS_EVENT_CLEAR);
 }
 
 KEM_FUNC_M KemSdCountingEventSet(KEM_PSDCTX_T pSdCtx, KEM_COUNTINGEVENT_T* pEvent)
 {
-    return finish(pSdCtx, set(pEvent, kCounting));
+    if (!pEvent) return finishInvalid(pSdCtx);
+    return finishResult(pSdCtx, set(*pEvent, kCounting), SDSTS_EVENT_CLEAR);
 }
 
 KEM_FUNC_M KemSdStdEventReset(KEM_PSDCTX_T pSdCtx, KEM_STDEVENT_T* pEvent)
 {
-    if (!pEvent) return finish(pSdCtx, fail(SDSTS_INVALID_PARAM));
-    if (const int result = pthread_mutex_lock(&pEvent->mutex)) return finish(pSdCtx, fail(SDSTS_EVENT_SET, result));
-    consume(*pEvent);
-    mustBeZero(kStandard.resetUnlock, pthread_mutex_unlock(&pEvent->mutex));
-    return finish(pSdCtx, ok());
+    if (!pEvent) return finishInvalid(pSdCtx);
+    const int result = pthread_mutex_lock(&pEvent->mutex);
+    if (result == 0) {
+        consume(*pEvent);
+        mustBeZero(kStandard.resetUnlock, pthread_mutex_unlock(&pEvent->mutex));
+    }
+    return finishResult(pSdCtx, result, SDSTS_EVENT_SET);
 }
 
 KEM_FUNC_M KemSdStdEventWait(KEM_PSDCTX_T pSdCtx, KEM_STDEVENT_T* pEvent)
 {
-    return finish(pSdCtx, wait(pEvent, kStandard));
+    if (!pEvent) return finishInvalid(pSdCtx);
+    return finishResult(pSdCtx, wait(*pEvent, kStandard), SDSTS_EVENT_WAIT);
 }
 
 KEM_FUNC_M KemSdStdEventTimedWait(KEM_PSDCTX_T pSdCtx, KEM_STDEVENT_T* pEvent, KEM_LONG_T miliseconds)
 {
-    return finish(pSdCtx, timedWait(pEvent, miliseconds, kStandard));
+    if (miliseconds < 0) return KemSdStdEventWait(pSdCtx, pEvent);
+    if (!pEvent) return finishInvalid(pSdCtx);
+    return finish(pSdCtx, timedWait(*pEvent, static_cast<KEM_ULONG_T>(miliseconds), kStandard));
 }
 
 KEM_FUNC_M KemSdCountingEventWait(KEM_PSDCTX_T pSdCtx, KEM_COUNTINGEVENT_T* pEvent)
 {
-    return finish(pSdCtx, wait(pEvent, kCounting));
+    if (!pEvent) return finishInvalid(pSdCtx);
+    return finishResult(pSdCtx, wait(*pEvent, kCounting), SDSTS_EVENT_WAIT);
 }
 
 KEM_FUNC_M KemSdCountingEventTimedWait(KEM_PSDCTX_T pSdCtx, KEM_COUNTINGEVENT_T* pEvent, KEM_LONG_T miliseconds)
 {
-    return finish(pSdCtx, timedWait(pEvent, miliseconds, kCounting));
+    if (miliseconds < 0) return KemSdCountingEventWait(pSdCtx, pEvent);
+    if (!pEvent) return finishInvalid(pSdCtx);
+    return finish(pSdCtx, timedWait(*pEvent, static_cast<KEM_ULONG_T>(miliseconds), kCounting));
 }
 
 KEM_FUNC_M KemSdStdEventClose(KEM_PSDCTX_T pSdCtx, KEM_STDEVENT_T* pEvent)
 {
-    return finish(pSdCtx, close(pEvent, kStandard));
+    if (!pEvent) return finishInvalid(pSdCtx);
+    destroy(*pEvent, kStandard);
+    return finish(pSdCtx, ok());
 }
 
 KEM_FUNC_M KemSdCountingEventClose(KEM_PSDCTX_T pSdCtx, KEM_COUNTINGEVENT_T* pEvent)
 {
-    return finish(pSdCtx, close(pEvent, kCounting));
+    if (!pEvent) return finishInvalid(pSdCtx);
+    destroy(*pEvent, kCounting);
+    return finish(pSdCtx, ok());
 }

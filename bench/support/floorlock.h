@@ -26,9 +26,9 @@ inline void setRelaxed(volatile T& word, V value)
 }
 
 // Swaps the lock word's lowest byte with 0; true when the lock was free and is ours.
-inline bool floorTakeByte(KEM_SPINLOCK_XCHG_T& lock)
+inline bool floorTakeByte(volatile int64_t& slock)
 {
-    auto* byte = reinterpret_cast<volatile signed char*>(&lock.slock);
+    auto* byte = reinterpret_cast<volatile signed char*>(&slock);
     return __atomic_exchange_n(byte, static_cast<signed char>(0), __ATOMIC_ACQUIRE) > 0;
 }
 
@@ -39,7 +39,7 @@ inline void floorOwnExchange(KEM_SPINLOCK_XCHG_T& lock, KEM_THDID_T id)
 }
 
 // A lost race yields at once, a held lock after so many spins.
-[[gnu::noinline, gnu::cold]] inline void floorWaitExchange(KEM_SPINLOCK_XCHG_T& lock, KEM_THDID_T id, bool raceLost)
+inline void floorAwaitWord(volatile int64_t& slock, bool raceLost)
 {
     for (int count = 0;;) {
         if (raceLost || count >= kFloorSpins) {
@@ -50,23 +50,34 @@ inline void floorOwnExchange(KEM_SPINLOCK_XCHG_T& lock, KEM_THDID_T id)
             count++;
         }
         raceLost = false;
-        if (relaxed(lock.slock) == 0) continue;
-        if (floorTakeByte(lock)) return floorOwnExchange(lock, id);
+        if (relaxed(slock) == 0) continue;
+        if (floorTakeByte(slock)) return;
         raceLost = true;
     }
+}
+
+[[gnu::noinline, gnu::cold]] inline void floorWaitExchange(KEM_SPINLOCK_XCHG_T& lock, KEM_THDID_T id, bool raceLost)
+{
+    floorAwaitWord(lock.slock, raceLost);
+    floorOwnExchange(lock, id);
 }
 
 enum class FloorTry { taken, held, raceLost };
 
 // The common case without a call: a free lock that is not ours already.
+inline FloorTry floorTryWord(volatile int64_t& slock)
+{
+    if (relaxed(slock) == 0) [[unlikely]]
+        return FloorTry::held;
+    return floorTakeByte(slock) ? FloorTry::taken : FloorTry::raceLost;
+}
+
 inline FloorTry floorTryExchange(KEM_SPINLOCK_XCHG_T& lock, KEM_THDID_T id)
 {
-    if (relaxed(lock.slock) == 0) [[unlikely]]
-        return FloorTry::held;
-    if (!floorTakeByte(lock)) [[unlikely]]
-        return FloorTry::raceLost;
-    floorOwnExchange(lock, id);
-    return FloorTry::taken;
+    const FloorTry result = floorTryWord(lock.slock);
+    if (result == FloorTry::taken) [[likely]]
+        floorOwnExchange(lock, id);
+    return result;
 }
 
 inline void floorAcquireExchange(KEM_SPINLOCK_XCHG_T& lock, KEM_THDID_T id)

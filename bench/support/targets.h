@@ -48,12 +48,34 @@ inline constexpr Target kTargets[] = {
     {"ticket/uncontended", 1.10, 1.0, "std::recursive_mutex"},
     {"exchange/2threads", 1.15, 1.10},
     {"ticket/2threads", 1.15},
+    {"lwexchange/uncontended", 1.05, 1.0, "std::recursive_mutex"},
+    {"lwticket/uncontended", 1.05, 1.0, "std::recursive_mutex"},
+    {"lwexchange/2threads", 1.15, 1.10},
+    {"lwticket/2threads", 1.15},
+
+    // Mutexes, events, semaphores: a call of ours is a few instructions around those of the C library.
+    {"mutex/pair", 1.10},
+    {"event/pair", 1.10},
+    {"event/wait", 1.10},
+    {"signalwait/pair", 1.10},
+    {"stdevent/pair", 1.10},
+    {"countingevent/pair", 1.10},
+    {"cntsem/pair", 1.10},
+    {"signalwait/pingpong", 1.05},
+    {"stdevent/pingpong", 1.05},
+    {"countingevent/pingpong", 1.05},
+    {"cntsem/pingpong", 1.05},
 
     // Files: the floor is the system call itself.
     {"pread/8KiB", 1.05},
     {"pwrite/8KiB", 1.05},
     {"read/8KiB", 1.05},
     {"write/8KiB", 1.05},
+    // While no pause is in force. The floor is the plain write.
+    {"leased-pwrite/64B", 1.05},
+    {"leased-pwrite/8KiB", 1.05},
+    {"leased-write/64B", 1.05},
+    {"leased-write/8KiB", 1.05},
 };
 
 constexpr Target targetOf(std::string_view load)

@@ -5,8 +5,10 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "text.h"
+#include "value.h"
 
 namespace sqlhost {
 
@@ -24,12 +26,15 @@ public:
     void run(const std::string& sql);
     // Undoes an open transaction, if there is one.
     void rollBack();
+    // Who else may hold the database, for the sentence about a lock.
+    void nameRivals(const char* rivals) { rivals_ = rivals; }
     bool inTransaction() const { return !sqlite3_get_autocommit(handle_); }
     // SQLite's own words for the last error, with what the file system knows about it.
     std::string error() const;
 
 private:
     sqlite3* handle_ = nullptr;
+    const char* rivals_ = "another process";
 };
 
 // An SQL statement of a longer text.
@@ -47,12 +52,17 @@ public:
     // Whether there is a row.
     bool step();
     void reset() { sqlite3_reset(handle_); }
+    // The names of the result's columns; a statement without a result has none. Certain once a step has been made.
+    std::vector<std::string> columns() const;
+    // The row that step() has found, valid until the next call.
+    const std::vector<Value>& row();
 
 private:
     void prepare(std::string_view& sql);
 
     Database& database_;
     sqlite3_stmt* handle_ = nullptr;
+    std::vector<Value> row_;
 };
 
 // The name as SQL takes it whatever it holds.

@@ -27,30 +27,61 @@ std::string sentence(int number, OV_ULONG_T first, OV_ULONG_T second)
     }
 }
 
-} // namespace
+class Locked {
+public:
+    explicit Locked(NetContext& net) : net_(net) { KemSdCritSecEnter(nullptr, &net_.lock); }
+    ~Locked() { KemSdCritSecExit(nullptr, &net_.lock); }
+    Locked(const Locked&) = delete;
+    Locked& operator=(const Locked&) = delete;
 
-void endProgress(NetContext& net)
+private:
+    NetContext& net_;
+};
+
+void clearLine(NetContext& net)
 {
     if (net.progressShown) fputs("\r\033[K", stderr);
     net.progressShown = false;
 }
 
-void endMessages(NetContext& net)
+void tellRepeats(NetContext& net)
 {
     if (net.repeats > 0)
         fprintf(stderr, "kemsd message %d: %s more\n", net.lastNumber, countedText(net.repeats, "time").c_str());
     net.repeats = 0;
 }
 
+} // namespace
+
+void showProgress(NetContext& net, const char* line)
+{
+    const Locked locked(net);
+    fprintf(stderr, "\r%s\033[K", line);
+    net.progressShown = true;
+}
+
+void endProgress(NetContext& net)
+{
+    const Locked locked(net);
+    clearLine(net);
+}
+
+void endMessages(NetContext& net)
+{
+    const Locked locked(net);
+    tellRepeats(net);
+}
+
 int onMemoryMessage(void* netCtx, int number, int, void* first, int, void* second, int)
 {
     NetContext& net = *static_cast<NetContext*>(netCtx);
+    const Locked locked(net);
     if (number == net.lastNumber) {
         ++net.repeats;
         return number;
     }
-    endProgress(net);
-    endMessages(net);
+    clearLine(net);
+    tellRepeats(net);
     const std::string words = sentence(number, *static_cast<OV_ULONG_T*>(first), *static_cast<OV_ULONG_T*>(second));
     fprintf(stderr, "kemsd message %d: %s\n", number, words.c_str());
     net.lastNumber = number;

@@ -10,6 +10,7 @@
 
 #include "memoryfile.h"
 #include "sqlmemory.h"
+#include "sqlmutex.h"
 #include "sqlvfs.h"
 #include "text.h"
 
@@ -18,12 +19,8 @@ namespace {
 
 char applicationName[] = "sqlhost"; // the library keeps the pointer
 
-void attachThread(void* tctxp, KEM_BOOL_T) { KemSdVupUtilTlsSet(tctxp); }
-
-void detachThread(void*, KEM_BOOL_T) { KemSdVupUtilTlsSet(nullptr); }
-
-// Step one: the process-wide switches and hooks, before anything is allocated. There is no failover lease to guard and
-// one thread to queue at a lock, so the guard and the lock statistics stay unregistered.
+// Step one: the process-wide switches and hooks, before anything is allocated. There is no failover lease to guard, and
+// nobody asks for lock statistics, so these two hooks stay unregistered.
 void setSwitches()
 {
     KemSdSetMemoryManager(TRUE);
@@ -33,8 +30,7 @@ void setSwitches()
     KemSdSetFileLockingMode(KEM_FILE_LOCKING_ADVISORY);
     KemSdSetHardwareAcceleration(FALSE);
     KemSdSetAppFolderName(applicationName);
-    KemSdSetUkrThreadAttachFunction(attachThread);
-    KemSdSetUkrThreadDetachFunction(detachThread);
+    registerThreadHooks();
 }
 
 // What `body` prints on standard output, which belongs to query results.
@@ -84,15 +80,21 @@ void require(int result, const char* what)
     if (result != SQLITE_OK) throw Failure(text("SQLite refused %s: %s", what, sqlite3_errstr(result)));
 }
 
+// An event that nobody has to wait for: events are created set.
+bool makeClearEvent(KEM_PSDCTX_T context, KEM_PEVENTHDL_T event)
+{
+    return KemSdEventCreate(context, event) == 0 && KemSdEventClear(context, event) == 0;
+}
+
 } // namespace
 
 // The first constructor completes at once, so that the destructor runs when a later step throws.
-Server::Server(const std::string& memoryFile, bool verbose) : Server()
+Server::Server(const std::string& memoryFile, bool verbose, Engine engine) : Server()
 {
     setSwitches();
     startMemory(memoryFile, verbose);
-    startThread();
-    startEngine();
+    startService();
+    startEngine(engine);
 }
 
 void Server::startMemory(const std::string& memoryFile, bool verbose)
@@ -107,26 +109,40 @@ void Server::startMemory(const std::string& memoryFile, bool verbose)
            verbose);
     if (status != 0)
         throw Failure(text("%s: no memory for the heaps at start-up (status %d)", memoryFile_.c_str(), status));
-    thread_.NetCtx = &net_;
-    if (ovMemCheckMemoryMinStatus(&thread_) != 0) throw Failure(memoryFile_ + ": the memory limit was rejected");
-    ovMemSetThreadContext(&thread_);
+    if (KemSdVupUtilTlsInit() != 0) throw Failure("no memory for the threads' slot");
+    thread_.emplace(&net_, &service_);
+    if (ovMemCheckMemoryMinStatus(&thread()) != 0) throw Failure(memoryFile_ + ": the memory limit was rejected");
+    ovMemSetThreadContext(&thread());
 }
 
-void Server::startThread()
+// The write pause: no pause, no lease out.
+void Server::startService()
 {
-    if (KemSdInit(&context_, 0) != 0 || KemSdVupUtilTlsInit() != 0) throw Failure("no memory for the thread's context");
-    thread_.pSdCtx = context_;
-    KemSdUkrThreadAttach(&thread_, TRUE);
+    OV_PAUSE_INTERFACE_T& pause = service_.pauseinterface;
+    const bool made = makeClearEvent(context(), &pause.writeIOEvtHdl) &&
+                      makeClearEvent(context(), &pause.pauseWriteIOEvtHdl) &&
+                      KemRWLockInit(context(), 0, &pause.rwlockPauseUpdates, TRUE, RWLOCK_PAUSEUPDATES_LOCK) == 0;
+    if (!made) throw Failure(text("cannot make the locks of the write pause (status %d)", context()->sts));
+    serviceStarted_ = true;
 }
 
-// One thread uses SQLite, so it is told to take no locks and start no threads.
-void Server::startEngine()
+// For one thread SQLite takes no locks. For many it takes ours, but none for a connection, which one thread at a time
+// uses, and none to count its memory: kemsd counts already, and that one would be taken in every allocation.
+void Server::startEngine(Engine engine)
 {
-    require(sqlite3_config(SQLITE_CONFIG_SINGLETHREAD), "to run on one thread");
+    if (engine == Engine::oneThread) {
+        require(sqlite3_config(SQLITE_CONFIG_SINGLETHREAD), "to run on one thread");
+    } else {
+        require(sqlite3_config(SQLITE_CONFIG_MULTITHREAD), "to run on many threads");
+        require(sqlite3_config(SQLITE_CONFIG_MUTEX, &kemsdMutexMethods()), "kemsd's locks");
+        require(sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0), "not to count its memory");
+    }
     require(sqlite3_config(SQLITE_CONFIG_MALLOC, &kemsdMemoryMethods()), "kemsd's memory");
     require(sqlite3_initialize(), "to start");
-    require(registerKemsdVfs(context_), "kemsd's files");
+    require(registerKemsdVfs(), "kemsd's files");
 }
+
+void Server::setTerminating() { __atomic_store_n(&service_.bAppTerminating, TRUE, __ATOMIC_SEQ_CST); }
 
 // Threads leave before the heaps end, the heaps before the locks, and the context, which every call may need, goes
 // last.
@@ -134,12 +150,17 @@ Server::~Server()
 {
     sqlite3_shutdown();
     endMessages(net_);
-    if (KemSdVupUtilGlobals()->tlsKey) KemSdUkrThreadDetach(&thread_, FALSE);
+    if (serviceStarted_) {
+        KemSdEventClose(context(), &service_.pauseinterface.writeIOEvtHdl);
+        KemSdEventClose(context(), &service_.pauseinterface.pauseWriteIOEvtHdl);
+    }
+    if (thread_) thread_->detach();
     KemSdVupUtilTlsTerm();
     ovMemResetThreadContext();
     ovMemThreadHeapTerm();
-    KemSyncEnvTerm(context_);
-    if (context_) KemSdTerm(context_);
+    if (thread_) thread_->freeLocks();
+    KemSyncEnvTerm(thread_ ? thread_->context() : nullptr);
+    thread_.reset();
 }
 
 } // namespace sqlhost

@@ -12,14 +12,15 @@ KemsdFile& of(sqlite3_file* file) { return *reinterpret_cast<KemsdFile*>(file); 
 
 int tooLong(KemsdFile& file)
 {
-    file.context->osRetCode = 0;
-    return trouble(SQLITE_FULL, "a file may have at most 2 GiB:", file.path, file.context);
+    threadContext()->osRetCode = 0;
+    return trouble(SQLITE_FULL, "a file may have at most 2 GiB:", file.path);
 }
 
 int fileClose(sqlite3_file* base)
 {
     KemsdFile& file = of(base);
-    const KEM_STS_T status = KemSdFileClose(file.context, file.handle);
+    unlockFile(file, SQLITE_LOCK_NONE);
+    const KEM_STS_T status = KemSdFileClose(threadContext(), file.handle);
     sqlite3_free(file.path);
     file.path = nullptr;
     return status == 0 ? SQLITE_OK : SQLITE_IOERR_CLOSE;
@@ -34,8 +35,8 @@ int fileRead(sqlite3_file* base, void* data, int count, sqlite3_int64 position)
     while (left > 0 && position <= kLongestFile) {
         KEM_UINT_T got = 0;
         const KEM_LONG_T offset = static_cast<KEM_LONG_T>(position);
-        if (KemSdFilePRead(file.context, file.handle, at, offset, static_cast<KEM_UINT_T>(left), &got) != 0)
-            return trouble(SQLITE_IOERR_READ, "cannot read", file.path, file.context);
+        if (KemSdFilePRead(threadContext(), file.handle, at, offset, static_cast<KEM_UINT_T>(left), &got) != 0)
+            return trouble(SQLITE_IOERR_READ, "cannot read", file.path);
         if (got == 0) break;
         at += got;
         left -= got;
@@ -46,6 +47,17 @@ int fileRead(sqlite3_file* base, void* data, int count, sqlite3_int64 position)
     return SQLITE_IOERR_SHORT_READ;
 }
 
+// Inside a transaction the thread holds its lease; what is written outside one, to temporary files, takes its own.
+KEM_STS_T writeAt(KemsdFile& file, void* data, KEM_LONG_T offset, KEM_UINT_T count, KEM_UINT_T* written)
+{
+    if (holdsLease()) return KemSdFilePWrite(threadContext(), file.handle, data, offset, count, written, nullptr);
+    KEM_OSRETCODE_T error = 0;
+    OV_THDCTX_T& thread = ThreadContext::current();
+    const KEM_STS_T status = KemSdLeasedFilePWrite(&thread, file.handle, data, offset, count, written, &error);
+    thread.pSdCtx->osRetCode = error; // giving the lease back may have overwritten it
+    return status;
+}
+
 int fileWrite(sqlite3_file* base, const void* data, int count, sqlite3_int64 position)
 {
     KemsdFile& file = of(base);
@@ -53,11 +65,9 @@ int fileWrite(sqlite3_file* base, const void* data, int count, sqlite3_int64 pos
     char* at = static_cast<char*>(const_cast<void*>(data));
     for (KEM_UINT_T left = static_cast<KEM_UINT_T>(count), written = 0; left > 0;
          left -= written, at += written, position += written) {
-        KEM_OSRETCODE_T error = 0;
-        const KEM_LONG_T offset = static_cast<KEM_LONG_T>(position);
-        const KEM_STS_T status = KemSdFilePWrite(file.context, file.handle, at, offset, left, &written, &error);
-        if (status == SDSTS_DISK_FULL) return trouble(SQLITE_FULL, "no space left for", file.path, file.context);
-        if (status != 0 || written == 0) return trouble(SQLITE_IOERR_WRITE, "cannot write", file.path, file.context);
+        const KEM_STS_T status = writeAt(file, at, static_cast<KEM_LONG_T>(position), left, &written);
+        if (status == SDSTS_DISK_FULL) return trouble(SQLITE_FULL, "no space left for", file.path);
+        if (status != 0 || written == 0) return trouble(SQLITE_IOERR_WRITE, "cannot write", file.path);
     }
     return SQLITE_OK;
 }
@@ -66,22 +76,23 @@ int fileTruncate(sqlite3_file* base, sqlite3_int64 size)
 {
     KemsdFile& file = of(base);
     if (size > kLongestFile) return tooLong(file);
+    const LeaseScope lease(file.path);
+    if (lease.result() != SQLITE_OK) return lease.result();
     KEM_LONG_T set = 0;
-    KEM_OSRETCODE_T error = 0;
     const KEM_STS_T status =
-        KemSdFileSetEndOfFile(file.context, file.handle, static_cast<KEM_LONG_T>(size), &set, &error);
-    if (status == SDSTS_DISK_FULL) return trouble(SQLITE_FULL, "no space left for", file.path, file.context);
-    return status == 0 ? SQLITE_OK : trouble(SQLITE_IOERR_TRUNCATE, "cannot truncate", file.path, file.context);
+        KemSdFileSetEndOfFile(threadContext(), file.handle, static_cast<KEM_LONG_T>(size), &set, nullptr);
+    if (status == SDSTS_DISK_FULL) return trouble(SQLITE_FULL, "no space left for", file.path);
+    return status == 0 ? SQLITE_OK : trouble(SQLITE_IOERR_TRUNCATE, "cannot truncate", file.path);
 }
 
 int fileSync(sqlite3_file* base, int)
 {
     KemsdFile& file = of(base);
-    if (KemSdFileFlush(file.context, file.handle) != 0)
-        return trouble(SQLITE_IOERR_FSYNC, "cannot flush", file.path, file.context);
+    if (KemSdFileFlush(threadContext(), file.handle) != 0)
+        return trouble(SQLITE_IOERR_FSYNC, "cannot flush", file.path);
     if (!file.syncDirectory) return SQLITE_OK;
     file.syncDirectory = false;
-    return flushDirectory(file.context, file.path);
+    return flushDirectory(file.path);
 }
 
 // The length comes back cut to 32 bits, so a byte beyond the largest position tells a file that is too long.
@@ -89,13 +100,13 @@ int fileSize(sqlite3_file* base, sqlite3_int64* size)
 {
     KemsdFile& file = of(base);
     KEM_LONG_T length = 0;
-    if (KemSdFileLength(file.context, file.handle, &length) != 0)
-        return trouble(SQLITE_IOERR_FSTAT, "cannot tell the length of", file.path, file.context);
+    if (KemSdFileLength(threadContext(), file.handle, &length) != 0)
+        return trouble(SQLITE_IOERR_FSTAT, "cannot tell the length of", file.path);
     char beyond;
     KEM_UINT_T got = 0;
     const KEM_STS_T status =
-        KemSdFilePRead(file.context, file.handle, &beyond, static_cast<KEM_LONG_T>(kLongestFile), 1, &got);
-    if (status != 0) return trouble(SQLITE_IOERR_FSTAT, "cannot tell the length of", file.path, file.context);
+        KemSdFilePRead(threadContext(), file.handle, &beyond, static_cast<KEM_LONG_T>(kLongestFile), 1, &got);
+    if (status != 0) return trouble(SQLITE_IOERR_FSTAT, "cannot tell the length of", file.path);
     if (got != 0) {
         tooLong(file);
         return SQLITE_IOERR_FSTAT;

@@ -1,8 +1,15 @@
-// Locks between processes. A record lock covers the whole file: shared from SQLITE_LOCK_SHARED on, exclusive from
-// SQLITE_LOCK_RESERVED on. That is stricter than SQLite's own byte ranges, and collides with them as it must, so any
-// SQLite program may share the database with us. The kernel drops the lock when the process ends, however it ends.
+// Locks between connections, on three places of the file that hold no data, as every SQLite program on this system has
+// them:
 //
-// kemsd offers no record locks yet: this is the one operation on files that goes to the system directly.
+//     PENDING    1 byte       a writer waits for the readers to leave: no new reader comes in
+//     RESERVED   1 byte       one connection is going to write
+//     SHARED     510 bytes    readers hold it together, the writer alone while it changes the file
+//
+// They belong to the open file, so two connections of one process exclude each other too, and closing another
+// descriptor of the file drops nothing. kemsd's file locks belong to the process and cover the whole file: these go to
+// the system directly. The kernel drops them when the process ends, however it ends.
+//
+// The lease for writing is taken before the first lock above SHARED is asked for, and goes with the last.
 #include <fcntl.h>
 
 #include <cerrno>
@@ -12,50 +19,106 @@
 namespace sqlhost {
 namespace {
 
-// The lock belongs to the open file, so that another descriptor of the same file, closed, does not drop it.
-int setLock(KemsdFile& file, short type)
+struct Place {
+    off_t at;
+    off_t length;
+};
+
+constexpr Place kPending = {0x40000000, 1};
+constexpr Place kReserved = {0x40000001, 1};
+constexpr Place kBothBytes = {0x40000000, 2};
+constexpr Place kShared = {0x40000002, 510};
+constexpr Place kAll = {0x40000000, 512};
+
+struct flock lockOf(short type, Place place)
 {
-    struct flock whole = {};
-    whole.l_type = type;
-    whole.l_whence = SEEK_SET;
-    if (fcntl(file.handle, F_OFD_SETLK, &whole) == 0) return SQLITE_OK;
-    if (errno == EAGAIN || errno == EACCES) return SQLITE_BUSY;
-    file.context->osRetCode = errno;
-    return trouble(SQLITE_IOERR_LOCK, "cannot lock", file.path, file.context);
+    struct flock lock = {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = place.at;
+    lock.l_len = place.length;
+    return lock;
 }
+
+int setLock(KemsdFile& file, short type, Place place)
+{
+    struct flock lock = lockOf(type, place);
+    if (fcntl(file.handle, F_OFD_SETLK, &lock) == 0) return SQLITE_OK;
+    if (errno == EAGAIN || errno == EACCES) return SQLITE_BUSY;
+    threadContext()->osRetCode = errno;
+    return trouble(SQLITE_IOERR_LOCK, "cannot lock", file.path);
+}
+
+// A reader asks at the writer's door first, so that a waiting writer is not passed for ever.
+int lockShared(KemsdFile& file)
+{
+    int result = setLock(file, F_RDLCK, kPending);
+    if (result != SQLITE_OK) return result;
+    result = setLock(file, F_RDLCK, kShared);
+    const int opened = setLock(file, F_UNLCK, kPending);
+    if (result == SQLITE_OK) result = opened;
+    if (result == SQLITE_OK) file.lockLevel = SQLITE_LOCK_SHARED;
+    return result;
+}
+
+int lockForWriting(KemsdFile& file, int level)
+{
+    if (level == SQLITE_LOCK_RESERVED) {
+        const int result = setLock(file, F_WRLCK, kReserved);
+        if (result == SQLITE_OK) file.lockLevel = level;
+        return result;
+    }
+    if (file.lockLevel < SQLITE_LOCK_PENDING) {
+        const int result = setLock(file, F_WRLCK, kPending);
+        if (result != SQLITE_OK) return result;
+        file.lockLevel = SQLITE_LOCK_PENDING;
+    }
+    const int result = setLock(file, F_WRLCK, kShared);
+    if (result == SQLITE_OK) file.lockLevel = level;
+    return result;
+}
+
+bool writes(const KemsdFile& file) { return file.lockLevel > SQLITE_LOCK_SHARED; }
 
 } // namespace
 
 int lockFile(KemsdFile& file, int level)
 {
     if (file.lockLevel >= level) return SQLITE_OK;
-    const bool writing = level >= SQLITE_LOCK_RESERVED;
-    if (!writing || file.lockLevel < SQLITE_LOCK_RESERVED) {
-        const int result = setLock(file, writing ? F_WRLCK : F_RDLCK);
-        if (result != SQLITE_OK) return result;
+    if (level == SQLITE_LOCK_SHARED) return lockShared(file);
+    const bool begins = !writes(file);
+    if (begins) {
+        const int leased = takeLease(file.path);
+        if (leased != SQLITE_OK) return leased;
     }
-    file.lockLevel = level;
-    return SQLITE_OK;
+    const int result = lockForWriting(file, level);
+    if (begins && !writes(file)) giveLease();
+    return result;
 }
 
 int unlockFile(KemsdFile& file, int level)
 {
     if (file.lockLevel <= level) return SQLITE_OK;
-    const int result = setLock(file, level == SQLITE_LOCK_SHARED ? F_RDLCK : F_UNLCK);
+    int result = SQLITE_OK;
+    if (level == SQLITE_LOCK_SHARED) {
+        if (file.lockLevel > SQLITE_LOCK_RESERVED) result = setLock(file, F_RDLCK, kShared);
+        if (result == SQLITE_OK) result = setLock(file, F_UNLCK, kBothBytes);
+    } else {
+        result = setLock(file, F_UNLCK, kAll);
+    }
     if (result != SQLITE_OK) return result == SQLITE_BUSY ? SQLITE_IOERR_RDLOCK : result;
+    if (writes(file)) giveLease();
     file.lockLevel = level;
     return SQLITE_OK;
 }
 
 int checkReserved(KemsdFile& file, int* reserved)
 {
-    struct flock whole = {};
-    whole.l_type = F_RDLCK; // collides with a writer of any kind, and with no reader
-    whole.l_whence = SEEK_SET;
-    *reserved = file.lockLevel >= SQLITE_LOCK_RESERVED;
+    *reserved = writes(file);
     if (*reserved) return SQLITE_OK;
-    if (fcntl(file.handle, F_OFD_GETLK, &whole) == -1) return SQLITE_IOERR_CHECKRESERVEDLOCK;
-    *reserved = whole.l_type != F_UNLCK;
+    struct flock lock = lockOf(F_WRLCK, kReserved);
+    if (fcntl(file.handle, F_OFD_GETLK, &lock) == -1) return SQLITE_IOERR_CHECKRESERVEDLOCK;
+    *reserved = lock.l_type != F_UNLCK;
     return SQLITE_OK;
 }
 

@@ -21,9 +21,7 @@ namespace fs = std::filesystem;
 constexpr int kLongestPath = 1024;
 constexpr int kCloseOnExec = O_CLOEXEC;
 
-std::string lastTrouble;
-
-KEM_PSDCTX_T contextOf(sqlite3_vfs* vfs) { return static_cast<KEM_PSDCTX_T>(vfs->pAppData); }
+thread_local std::string lastTrouble;
 
 // ---- Opening -----------------------------------------------------------------------------------------------------
 
@@ -47,9 +45,9 @@ bool mayStillBeRead(KEM_PSDCTX_T context)
     return context->osRetCode == EACCES || context->osRetCode == EPERM || context->osRetCode == EROFS;
 }
 
-int vfsRandomness(sqlite3_vfs* vfs, int count, char* out)
+int vfsRandomness(sqlite3_vfs*, int count, char* out)
 {
-    KEM_PSDCTX_T context = contextOf(vfs);
+    KEM_PSDCTX_T context = threadContext();
     KEM_FILEHDL_T source = -1;
     KEM_INT_T got = 0;
     if (KemSdFileOpen(context, "/dev/urandom", O_RDONLY | kCloseOnExec, 0, &source) != 0) return 0;
@@ -58,10 +56,10 @@ int vfsRandomness(sqlite3_vfs* vfs, int count, char* out)
     return got > 0 ? got : 0;
 }
 
-std::string temporaryName(sqlite3_vfs* vfs)
+std::string temporaryName()
 {
     uint64_t random = 0;
-    vfsRandomness(vfs, sizeof random, reinterpret_cast<char*>(&random));
+    vfsRandomness(nullptr, sizeof random, reinterpret_cast<char*>(&random));
     std::error_code failed;
     fs::path directory = fs::temp_directory_path(failed);
     if (failed) directory = ".";
@@ -69,25 +67,24 @@ std::string temporaryName(sqlite3_vfs* vfs)
 }
 
 // Files without a name of their own, and those to be deleted on close, lose their name as soon as they are open.
-int vfsOpen(sqlite3_vfs* vfs, const char* name, sqlite3_file* base, int flags, int* outFlags)
+int vfsOpen(sqlite3_vfs*, const char* name, sqlite3_file* base, int flags, int* outFlags)
 {
     KemsdFile& file = *new (base) KemsdFile{};
-    KEM_PSDCTX_T context = contextOf(vfs);
-    const std::string path = name ? name : temporaryName(vfs);
+    KEM_PSDCTX_T context = threadContext();
+    const std::string path = name ? name : temporaryName();
     file.handle = -1;
     KEM_STS_T status = openFile(context, path.c_str(), openFlags(flags), &file.handle);
     if (status != 0 && (flags & SQLITE_OPEN_READWRITE) && mayStillBeRead(context)) {
         flags = (flags & ~(SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE)) | SQLITE_OPEN_READONLY;
         status = openFile(context, path.c_str(), openFlags(flags), &file.handle);
     }
-    if (status != 0) return trouble(SQLITE_CANTOPEN, "cannot open", path.c_str(), context);
+    if (status != 0) return trouble(SQLITE_CANTOPEN, "cannot open", path.c_str());
     file.path = sqlite3_mprintf("%s", path.c_str());
     if (!file.path) {
         KemSdFileClose(context, file.handle);
         return SQLITE_NOMEM;
     }
     if (flags & SQLITE_OPEN_DELETEONCLOSE) KemSdFileRemove(context, path.c_str());
-    file.context = context;
     file.syncDirectory = flags & (SQLITE_OPEN_MAIN_JOURNAL | SQLITE_OPEN_SUPER_JOURNAL);
     file.base.pMethods = &kKemsdFileMethods; // only now does SQLite close it
     if (outFlags) *outFlags = flags;
@@ -96,21 +93,23 @@ int vfsOpen(sqlite3_vfs* vfs, const char* name, sqlite3_file* base, int flags, i
 
 // ---- Names -------------------------------------------------------------------------------------------------------
 
-int vfsDelete(sqlite3_vfs* vfs, const char* path, int syncDirectory)
+int vfsDelete(sqlite3_vfs*, const char* path, int syncDirectory)
 {
-    KEM_PSDCTX_T context = contextOf(vfs);
+    KEM_PSDCTX_T context = threadContext();
+    const LeaseScope lease(path);
+    if (lease.result() != SQLITE_OK) return lease.result();
     if (KemSdFileRemove(context, path) != 0) {
         if (context->osRetCode == ENOENT) return SQLITE_IOERR_DELETE_NOENT;
-        return trouble(SQLITE_IOERR_DELETE, "cannot remove", path, context);
+        return trouble(SQLITE_IOERR_DELETE, "cannot remove", path);
     }
-    return syncDirectory ? flushDirectory(context, path) : SQLITE_OK;
+    return syncDirectory ? flushDirectory(path) : SQLITE_OK;
 }
 
-int vfsAccess(sqlite3_vfs* vfs, const char* path, int question, int* answer)
+int vfsAccess(sqlite3_vfs*, const char* path, int question, int* answer)
 {
     const int mode = question == SQLITE_ACCESS_READWRITE ? R_OK | W_OK : question == SQLITE_ACCESS_READ ? R_OK : F_OK;
     KEM_BOOL_T matched = FALSE;
-    KemSdFileAccess(contextOf(vfs), path, mode, &matched);
+    KemSdFileAccess(threadContext(), path, mode, &matched);
     *answer = matched;
     return SQLITE_OK;
 }
@@ -134,22 +133,22 @@ void vfsDlError(sqlite3_vfs*, int size, char* out) { sqlite3_snprintf(size, out,
 
 // ---- Clock -------------------------------------------------------------------------------------------------------
 
-int vfsSleep(sqlite3_vfs* vfs, int microseconds)
+int vfsSleep(sqlite3_vfs*, int microseconds)
 {
     const KEM_ULONG_T milliseconds = (static_cast<KEM_ULONG_T>(microseconds) + 999) / 1000;
-    KemSdSleep(contextOf(vfs), milliseconds);
+    KemSdSleep(threadContext(), milliseconds);
     return static_cast<int>(milliseconds * 1000);
 }
 
 // The timestamp's seconds are 32-bit; the full time value tells which 2^32 seconds they lie in.
-int vfsCurrentTimeInt64(sqlite3_vfs* vfs, sqlite3_int64* julianMilliseconds)
+int vfsCurrentTimeInt64(sqlite3_vfs*, sqlite3_int64* julianMilliseconds)
 {
     constexpr sqlite3_int64 kEpoch = 210866760000000; // 1970-01-01 as milliseconds of the Julian day
     KEM_TIME_T seconds = 0;
     KEM_UTC_TIMESTAMP_T stamp = {};
-    if (KemSdTime(contextOf(vfs), &seconds) != 0) return SQLITE_ERROR;
-    KemSdGetUtcTimestamp(contextOf(vfs), nullptr, &stamp);
-    if (contextOf(vfs)->sts != 0) return SQLITE_ERROR;
+    if (KemSdTime(threadContext(), &seconds) != 0) return SQLITE_ERROR;
+    KemSdGetUtcTimestamp(threadContext(), nullptr, &stamp);
+    if (threadContext()->sts != 0) return SQLITE_ERROR;
     seconds += static_cast<int32_t>(static_cast<uint32_t>(stamp.lSeconds) - static_cast<uint32_t>(seconds));
     *julianMilliseconds = kEpoch + sqlite3_int64{seconds} * 1000 + stamp.lMicroseconds / 1000;
     return SQLITE_OK;
@@ -163,40 +162,41 @@ int vfsCurrentTime(sqlite3_vfs* vfs, double* julianDay)
     return result;
 }
 
-int vfsLastError(sqlite3_vfs* vfs, int, char*) { return contextOf(vfs)->osRetCode; }
+int vfsLastError(sqlite3_vfs*, int, char*) { return threadContext()->osRetCode; }
 
 } // namespace
 
-int trouble(int result, const char* what, const char* path, KEM_PSDCTX_T context)
+int trouble(int result, const char* what, const char* path)
 {
+    const int error = threadContext()->osRetCode;
     lastTrouble = text("%s %s", what, path ? path : "a temporary file");
-    if (context->osRetCode > 0) lastTrouble += text(": %s", strerror(context->osRetCode));
+    if (error > 0) lastTrouble += text(": %s", strerror(error));
     return result;
 }
 
 std::string takeFileTrouble() { return std::exchange(lastTrouble, {}); }
 
-int flushDirectory(KEM_PSDCTX_T context, const char* path)
+int flushDirectory(const char* path)
 {
+    KEM_PSDCTX_T context = threadContext();
     const std::string directory = (fs::path(path).parent_path() / "").string(); // full names only: never empty
     KEM_FILEHDL_T handle = -1;
     if (KemSdFileOpen(context, directory.c_str(), O_RDONLY | O_DIRECTORY | kCloseOnExec, 0, &handle) != 0)
-        return trouble(SQLITE_IOERR_DIR_FSYNC, "cannot open", directory.c_str(), context);
+        return trouble(SQLITE_IOERR_DIR_FSYNC, "cannot open", directory.c_str());
     const KEM_STS_T status = KemSdFileFlush(context, handle);
     int result = SQLITE_OK;
-    if (status != 0) result = trouble(SQLITE_IOERR_DIR_FSYNC, "cannot flush", directory.c_str(), context);
+    if (status != 0) result = trouble(SQLITE_IOERR_DIR_FSYNC, "cannot flush", directory.c_str());
     KemSdFileClose(context, handle);
     return result;
 }
 
-int registerKemsdVfs(KEM_PSDCTX_T context)
+int registerKemsdVfs()
 {
     static sqlite3_vfs vfs = {};
     vfs.iVersion = 2;
     vfs.szOsFile = sizeof(KemsdFile);
     vfs.mxPathname = kLongestPath;
     vfs.zName = "kemsd";
-    vfs.pAppData = context;
     vfs.xOpen = vfsOpen;
     vfs.xDelete = vfsDelete;
     vfs.xAccess = vfsAccess;

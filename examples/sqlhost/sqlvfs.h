@@ -5,22 +5,27 @@
 //     or removed;
 //   - kemsd's positions are signed 32-bit numbers, so a file ends at 2 GiB: a write beyond that is SQLITE_FULL, a file
 //     that is already longer is refused, and nothing is ever written at a position that was cut;
-//   - locks cover the whole file (sqllock.cpp), so several readers or one writer use a database at a time, other SQLite
-//     programs included;
+//   - locks are those of every SQLite program (sqllock.cpp), so any of them may share a database with us;
+//   - a connection that is about to write holds a write lease until its transaction has ended (sqllease.cpp), so a
+//   write
+//     pause never finds a transaction half written, and readers do not notice it;
 //   - there is no shared memory between processes, so no write-ahead log.
+//
+// Any thread that has a ThreadContext may use it; the calls report into that thread's context.
 #pragma once
 
-#include <kemsd/context.h>
 #include <sqlite3.h>
 
 #include <string>
 
+#include "threadcontext.h"
+
 namespace sqlhost {
 
-// Registers the file system as SQLite's default. All its calls report into `context`.
-int registerKemsdVfs(KEM_PSDCTX_T context);
+// Registers the file system as SQLite's default.
+int registerKemsdVfs();
 
-// Why the last file operation failed, in words, or empty; asking forgets it.
+// Why the calling thread's last file operation failed, in words, or empty; asking forgets it.
 std::string takeFileTrouble();
 
 // ---- Between the file system and its files -----------------------------------------------------------------------
@@ -29,7 +34,6 @@ constexpr int64_t kLongestFile = INT32_MAX; // the largest position that kemsd's
 
 struct KemsdFile {
     sqlite3_file base; // must be first
-    KEM_PSDCTX_T context;
     int handle;
     int lockLevel;      // SQLITE_LOCK_...
     bool syncDirectory; // a new journal: its name is not yet on the disk
@@ -38,15 +42,42 @@ struct KemsdFile {
 
 extern const sqlite3_io_methods kKemsdFileMethods;
 
-// Notes why an operation on `path` failed, with the context's error number if it holds one, and returns `result`.
-int trouble(int result, const char* what, const char* path, KEM_PSDCTX_T context);
-// Makes the names in the directory of `path` durable.
-int flushDirectory(KEM_PSDCTX_T context, const char* path);
+inline KEM_PSDCTX_T threadContext() { return ThreadContext::current().pSdCtx; }
 
-// Moves the file's lock up or down to a level; SQLITE_BUSY when another process is in the way.
+// Notes why an operation on `path` failed, with the thread's last error number if there is one, and returns `result`.
+int trouble(int result, const char* what, const char* path);
+// Makes the names in the directory of `path` durable.
+int flushDirectory(const char* path);
+
+// Moves the file's lock up or down to a level; SQLITE_BUSY when another connection is in the way.
 int lockFile(KemsdFile& file, int level);
 int unlockFile(KemsdFile& file, int level);
-// Whether any process holds the right to write.
+// Whether any connection holds the right to write.
 int checkReserved(KemsdFile& file, int* reserved);
+
+// The calling thread's write lease, once however many of its files want it; waits while a pause is in force.
+int takeLease(const char* path);
+void giveLease();
+bool holdsLease();
+// The calling thread, which has paused writing or is about to, is refused leases: it would wait for itself.
+void refuseLeases(bool refuse);
+
+// A lease for one operation outside a transaction.
+class LeaseScope {
+public:
+    explicit LeaseScope(const char* path) : result_(takeLease(path)) {}
+    ~LeaseScope()
+    {
+        if (result_ == SQLITE_OK) giveLease();
+    }
+    LeaseScope(const LeaseScope&) = delete;
+    LeaseScope& operator=(const LeaseScope&) = delete;
+
+    // SQLITE_OK: it is held.
+    int result() const { return result_; }
+
+private:
+    int result_;
+};
 
 } // namespace sqlhost

@@ -186,7 +186,8 @@ typedef struct KEM_FILEFINDINFO_T {
  *     KemRWLockInit(ctx, 0, &service.pauseinterface.rwlockPauseUpdates, TRUE, RWLOCK_PAUSEUPDATES_LOCK);
  *
  * tctxpv is always the calling thread's OV_THDCTX_T (memory.h), whose svctxp, pSyncCtx and pSdCtx are used; null, or a
- * null svctxp or pSyncCtx, gives SDSTS_INVALID_PARAM. Any number of writers, but one pausing party at a time. */
+ * null svctxp or pSyncCtx, gives SDSTS_INVALID_PARAM. Any number of writers, but one pausing party at a time. No call
+ * stores its own status in pSdCtx: there stands that of the last event, clock or file call made on the way. */
 
 typedef struct OV_PAUSE_INTERFACE_T {
     volatile OV_BOOL_T bPauseWriteIO;        /* TRUE while a pause is being made or in force */
@@ -204,8 +205,9 @@ typedef struct OV_SVCTX_T {
     OV_PAUSE_INTERFACE_T pauseinterface;
 } OV_SVCTX_T;
 
-/* Takes a lease, waiting while a pause is being made or in force. A pause that has outlived its time-out is ended by
- * the first waiting writer that sees it, within about two seconds. The read lock's or the event's status: no lease. */
+/* Takes a lease, waiting while a pause is being made or in force; a thread takes one at a time. A pause that has
+ * outlived its time-out is ended by the first waiting writer that sees it, within about two seconds. The read lock's or
+ * the event's status: no lease. */
 KEM_API KEM_STS_T KemSdGetWriteIOLease(void* tctxpv);
 
 /* Gives the lease back; a thread without one changes nothing. 0, or the status of waking the pausing thread. */
@@ -214,13 +216,14 @@ KEM_API KEM_STS_T KemSdReleaseWriteIOLease(void* tctxpv);
 /* Waits until no lease is out and keeps new ones from going out. A lease holder must not call it: it would wait for
  * itself. lTimeout: see lPauseTimeout. SDSTS_WRITEIO_PAUSED: a pause is in force or being made. -1: the server is
  * terminating; the barrier stays up, so that a terminating server writes nothing more than its writers' last leases.
- * A failing lock, event or clock call: its status. */
+ * A failing lock, event or clock call: its status; a barrier that was up by then stays up until KemSdUnpauseWriteIO. */
 KEM_API KEM_STS_T KemSdPauseWriteIO(void* tctxpv, KEM_TIME_T lTimeout);
 
 /* Ends the pause, if there is one; any thread may. Always 0. */
 KEM_API KEM_STS_T KemSdUnpauseWriteIO(void* tctxpv);
 
-/* A lease around KemSdFileWrite or KemSdFilePWrite. The write's status, or the lease's failure: nothing is written. */
+/* A lease around KemSdFileWrite or KemSdFilePWrite with the thread's pSdCtx. The write's status, or the lease's
+ * failure: nothing is written. */
 KEM_API KEM_STS_T KemSdLeasedFileWrite(void* tctxpv, KEM_FILEHDL_T hFile, KEM_PVOID_T pvBuf, KEM_UINT_T uiCnt,
                                        KEM_PINT_T piWritten);
 KEM_API KEM_STS_T KemSdLeasedFilePWrite(void* tctxpv, KEM_FILEHDL_T hFile, KEM_PVOID_T pvData, KEM_LONG_T lFileOffset,

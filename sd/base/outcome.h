@@ -39,6 +39,23 @@ inline KEM_STS_T finish(KEM_PSDCTX_T ctx, Outcome o)
     return o.sts;
 }
 
+// Refusals are kept off the straight way of a call.
+[[gnu::cold, gnu::noinline]] inline KEM_STS_T finishRefused(KEM_PSDCTX_T ctx, KEM_STS_T failure, KEM_OSRETCODE_T os)
+{
+    return finish(ctx, fail(failure, os));
+}
+
+inline KEM_STS_T finishInvalid(KEM_PSDCTX_T ctx) { return finishRefused(ctx, SDSTS_INVALID_PARAM, 0); }
+
+// For what a call of the thread library answered, whose result is its error number: 0 is success, anything else is the
+// failure given.
+inline KEM_STS_T finishResult(KEM_PSDCTX_T ctx, int result, KEM_STS_T failure)
+{
+    if (result != 0) [[unlikely]]
+        return finishRefused(ctx, failure, result);
+    return finish(ctx, ok());
+}
+
 // For the few calls that overwrite the status alone and keep the error number of the call inside.
 inline KEM_STS_T restate(KEM_PSDCTX_T ctx, KEM_STS_T sts)
 {

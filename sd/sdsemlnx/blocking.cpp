@@ -1,10 +1,10 @@
 // Mutexes, critical sections, events and counting semaphores, for threads of one process. Every object lies in the
-// caller's memory and is a thin cover of the C library's own; nothing is kept here. The calls vocabulary (request and
-// clear, open by name) is that of systems with named kernel objects: names and maxima are accepted and ignored.
+// caller's memory and is a thin cover of the C library's own; nothing is kept here. The calls' vocabulary
+// (request and clear, open by name) is that of systems with named kernel objects: names and maxima are ignored.
 //
 // An event's iReady is read and written only under the event's mutex, which is never held across anything but that
 // word, the condition's calls and a look at the clock. A mutex or semaphore asked for with a time-out is tried once a
-// second, and no lock of ours is held meanwhile.
+// second; nothing is held meanwhile.
 
 #include <pthread.h>
 #include <semaphore.h>
@@ -22,6 +22,8 @@ namespace {
 using sd::fail;
 using sd::failErrno;
 using sd::finish;
+using sd::finishInvalid;
+using sd::finishResult;
 using sd::ok;
 using sd::Outcome;
 using sd::restate;
@@ -34,15 +36,7 @@ constexpr int kSemaphoreAttempts = 5;
 constexpr KEM_LONG_T kClear = 0; // iReady: waiters pass
 constexpr KEM_LONG_T kSet = 1;   // waiters block
 
-Outcome unlessZero(int result, KEM_STS_T failure) { return result != 0 ? fail(failure, result) : ok(); }
-
 // ---- Mutexes
-
-Outcome createMutex(KEM_PMUTEXHDL_T phMutex)
-{
-    if (!phMutex) return fail(SDSTS_INVALID_PARAM);
-    return unlessZero(pthread_mutex_init(phMutex, nullptr), SDSTS_MUTEX_CREATE);
-}
 
 // Deliberate: the sum is divided before it is cut to 16 bits, so that some time-outs ask for no attempt at all and
 // some negative ones for very many.
@@ -55,12 +49,6 @@ static_assert(attemptsWithin(-5) == 0 && attemptsWithin(-1998) == 0 && attemptsW
 static_assert(attemptsWithin(65535000) == 65535 && attemptsWithin(65535001) == 0 && attemptsWithin(65536001) == 1);
 static_assert(attemptsWithin(INT32_MAX) == 2147484 % 65536);
 
-Outcome lockWithoutLimit(KEM_MUTEXHDL_T& mutex)
-{
-    // Deliberate: the error number is errno, not the call's result.
-    return pthread_mutex_lock(&mutex) != 0 ? failErrno(SDSTS_SEM_REQUEST) : ok();
-}
-
 Outcome lockAtOnce(KEM_MUTEXHDL_T& mutex)
 {
     const int result = pthread_mutex_trylock(&mutex);
@@ -68,8 +56,7 @@ Outcome lockAtOnce(KEM_MUTEXHDL_T& mutex)
     return result == EBUSY ? fail(SDSTS_MUTEX_BUSY, result) : ok(result);
 }
 
-// The slow ways stand apart from here on, so that the short ones save few registers.
-[[gnu::noinline]] Outcome lockInAttempts(KEM_PSDCTX_T ctx, KEM_MUTEXHDL_T& mutex, int attempts)
+Outcome lockInAttempts(KEM_PSDCTX_T ctx, KEM_MUTEXHDL_T& mutex, int attempts)
 {
     if (attempts == 0) return ok(); // Deliberate: success without the mutex.
     for (int remaining = attempts - 1; remaining >= 0; --remaining) {
@@ -81,12 +68,13 @@ Outcome lockAtOnce(KEM_MUTEXHDL_T& mutex)
     return fail(SDSTS_SEM_REQUEST, EBUSY);
 }
 
-Outcome requestMutex(KEM_PSDCTX_T ctx, KEM_PMUTEXHDL_T phMutex, KEM_LONG_T lTimeout)
+// Here and below the ways that fail or take long stand apart: the straight way of a call is a few instructions around
+// those of the C library.
+[[gnu::noinline]] KEM_STS_T requestLimited(KEM_PSDCTX_T ctx, KEM_PMUTEXHDL_T phMutex, KEM_LONG_T milliseconds)
 {
-    if (!phMutex) return fail(SDSTS_INVALID_PARAM);
-    if (lTimeout == kNoLimit) return lockWithoutLimit(*phMutex);
-    if (lTimeout == kNoWait) return lockAtOnce(*phMutex);
-    return lockInAttempts(ctx, *phMutex, attemptsWithin(lTimeout));
+    if (!phMutex) return finishInvalid(ctx);
+    if (milliseconds == kNoWait) return finish(ctx, lockAtOnce(*phMutex));
+    return finish(ctx, lockInAttempts(ctx, *phMutex, attemptsWithin(milliseconds)));
 }
 
 // A critical section is a mutex with refusals of its own name; the error number stays that of the mutex.
@@ -95,22 +83,28 @@ KEM_STS_T renamed(KEM_PSDCTX_T ctx, KEM_STS_T sts, KEM_STS_T mutexFailure, KEM_S
     return sts == mutexFailure ? restate(ctx, critSecFailure) : sts;
 }
 
-// ---- Events
+// ---- Events: all of these give 0 or the number of the first call of the C library that failed
 
-// Ends what was begun under the event's mutex. The first failure counts.
-int unlock(KEM_EVENTHDL_T& event, int result)
+int setEvent(KEM_EVENTHDL_T& event)
+{
+    if (const int result = pthread_mutex_lock(&event.mutex)) return result;
+    event.iReady = kSet;
+    return pthread_mutex_unlock(&event.mutex);
+}
+
+[[gnu::noinline]] int unlockAfter(KEM_EVENTHDL_T& event, int result)
 {
     const int unlocked = pthread_mutex_unlock(&event.mutex);
     return result != 0 ? result : unlocked;
 }
 
 // Lets waiters pass; `wake` decides how many of those already asleep are told.
-Outcome clearEvent(KEM_PEVENTHDL_T phEvent, int (*wake)(pthread_cond_t*))
+int clearEvent(KEM_EVENTHDL_T& event, int (*wake)(pthread_cond_t*))
 {
-    if (!phEvent) return fail(SDSTS_INVALID_PARAM);
-    if (const int result = pthread_mutex_lock(&phEvent->mutex)) return fail(SDSTS_EVENT_CLEAR, result);
-    phEvent->iReady = kClear;
-    return unlessZero(unlock(*phEvent, wake(&phEvent->cond)), SDSTS_EVENT_CLEAR);
+    if (const int result = pthread_mutex_lock(&event.mutex)) return result;
+    event.iReady = kClear;
+    if (const int result = wake(&event.cond)) return unlockAfter(event, result);
+    return pthread_mutex_unlock(&event.mutex);
 }
 
 constexpr timespec fineDeadline(timeval now, KEM_LONG_T milliseconds)
@@ -138,7 +132,7 @@ timespec fineDeadlineIn(KEM_LONG_T milliseconds)
 // Deliberate: whole seconds and one more, so that the wait ends up to a second later than the time-out's whole seconds.
 timespec coarseDeadlineIn(KEM_LONG_T milliseconds) { return {time(nullptr) + milliseconds / 1000 + 1, 0}; }
 
-// All sleeping is done with the event's mutex held before and after, and gives 0 or the number of a wait that failed.
+// All sleeping begins and ends with the event's mutex held.
 
 int sleepWhileSet(KEM_EVENTHDL_T& event)
 {
@@ -168,51 +162,63 @@ int sleepUntil(KEM_EVENTHDL_T& event, timespec deadline)
     return milliseconds == kNoLimit ? sleepWhileSet(event) : sleepUntil(event, coarseDeadlineIn(milliseconds));
 }
 
-Outcome waited(int result)
+int waitForEvent(KEM_EVENTHDL_T& event, KEM_LONG_T milliseconds)
 {
-    if (result == ETIMEDOUT) return fail(SDSTS_EVENT_TIMEOUT, result);
-    return unlessZero(result, SDSTS_EVENT_WAIT);
+    if (const int result = pthread_mutex_lock(&event.mutex)) return result;
+    if (event.iReady == kSet) [[unlikely]]
+        return unlockAfter(event, sleepForEvent(event, milliseconds));
+    return pthread_mutex_unlock(&event.mutex);
 }
 
-Outcome waitForEvent(KEM_PEVENTHDL_T phEvent, KEM_LONG_T lTimeout)
+int waitForSignal(KEM_EVENTHDL_T& event, KEM_LONG_T milliseconds)
 {
-    if (!phEvent) return fail(SDSTS_INVALID_PARAM);
-    if (const int result = pthread_mutex_lock(&phEvent->mutex)) return fail(SDSTS_EVENT_WAIT, result);
-    const int failure = phEvent->iReady == kSet ? sleepForEvent(*phEvent, lTimeout) : 0;
-    return waited(unlock(*phEvent, failure));
+    if (const int result = pthread_mutex_lock(&event.mutex)) return result;
+    if (event.iReady == kSet) [[unlikely]]
+        // Deliberate: after a failed wait, a time-out included, an event that is clear by now is reported as the
+        // failure and left clear for the next caller.
+        if (const int failure = sleepForSignal(event, milliseconds)) return unlockAfter(event, failure);
+    event.iReady = kSet;
+    return pthread_mutex_unlock(&event.mutex);
 }
 
-Outcome waitForSignal(KEM_PEVENTHDL_T phEvent, KEM_LONG_T lTimeout)
+[[gnu::cold, gnu::noinline]] KEM_STS_T finishRefusedWait(KEM_PSDCTX_T ctx, int result)
 {
-    if (!phEvent) return fail(SDSTS_INVALID_PARAM);
-    if (const int result = pthread_mutex_lock(&phEvent->mutex)) return waited(result);
-    const int failure = phEvent->iReady == kSet ? sleepForSignal(*phEvent, lTimeout) : 0;
-    // Deliberate: after a failed wait, a time-out included, an event that is clear by now is reported as the failure
-    // and left clear for the next caller.
-    if (failure == 0) phEvent->iReady = kSet;
-    return waited(unlock(*phEvent, failure));
+    return finish(ctx, fail(result == ETIMEDOUT ? SDSTS_EVENT_TIMEOUT : SDSTS_EVENT_WAIT, result));
+}
+
+KEM_STS_T finishWait(KEM_PSDCTX_T ctx, int result)
+{
+    if (result != 0) [[unlikely]]
+        return finishRefusedWait(ctx, result);
+    return finish(ctx, ok());
 }
 
 // ---- Counting semaphores: their calls return -1 and set errno. Deliberate: that -1 takes the error number's place.
 
-Outcome requestWithoutLimit(KEM_CNTSEMHDL_T& semaphore)
+[[gnu::noinline]] int waitAgain(KEM_CNTSEMHDL_T& semaphore)
 {
-    int result;
-    do result = sem_wait(&semaphore);
-    while (result != 0 && errno == EINTR);
-    return unlessZero(result, SDSTS_CNTSEM_REQUEST);
+    int result = -1;
+    while (result != 0 && errno == EINTR) result = sem_wait(&semaphore);
+    return result;
+}
+
+int requestWithoutLimit(KEM_CNTSEMHDL_T& semaphore)
+{
+    if (sem_wait(&semaphore) == 0) [[likely]]
+        return 0;
+    return waitAgain(semaphore);
 }
 
 Outcome requestAtOnce(KEM_CNTSEMHDL_T& semaphore)
 {
-    int result;
-    do result = sem_trywait(&semaphore);
-    while (result != 0 && errno == EINTR);
-    return unlessZero(result, result != 0 && errno == EAGAIN ? SDSTS_CNTSEM_TIMEOUT : SDSTS_CNTSEM_REQUEST);
+    int result = sem_trywait(&semaphore);
+    while (result != 0 && errno == EINTR) result = sem_trywait(&semaphore);
+    if (result == 0) return ok();
+    return fail(errno == EAGAIN ? SDSTS_CNTSEM_TIMEOUT : SDSTS_CNTSEM_REQUEST, result);
 }
 
 // Deliberate: every time-out is about five seconds.
-[[gnu::noinline]] Outcome requestInAttempts(KEM_CNTSEMHDL_T& semaphore)
+Outcome requestInAttempts(KEM_CNTSEMHDL_T& semaphore)
 {
     for (int attempt = 0; attempt < kSemaphoreAttempts; ++attempt) {
         const int result = sem_trywait(&semaphore);
@@ -223,40 +229,53 @@ Outcome requestAtOnce(KEM_CNTSEMHDL_T& semaphore)
     return fail(SDSTS_CNTSEM_TIMEOUT, -1);
 }
 
-Outcome requestSemaphore(KEM_PCNTSEMHDL_T phSem, KEM_LONG_T lTimeout)
+[[gnu::noinline]] KEM_STS_T requestLimited(KEM_PSDCTX_T ctx, KEM_PCNTSEMHDL_T phSem, KEM_LONG_T milliseconds)
 {
-    if (!phSem) return fail(SDSTS_INVALID_PARAM);
-    if (lTimeout == kNoLimit) return requestWithoutLimit(*phSem);
-    if (lTimeout == kNoWait) return requestAtOnce(*phSem);
-    return requestInAttempts(*phSem);
+    if (!phSem) return finishInvalid(ctx);
+    return finish(ctx, milliseconds == kNoWait ? requestAtOnce(*phSem) : requestInAttempts(*phSem));
+}
+
+[[gnu::noinline]] KEM_STS_T clearBy(KEM_PSDCTX_T ctx, KEM_CNTSEMHDL_T& semaphore, KEM_ULONG_T increment,
+                                    KEM_PLONG_T previous)
+{
+    if (previous) sem_getvalue(&semaphore, previous);
+    int last = 0; // Deliberate: the posts before it may have failed.
+    for (KEM_ULONG_T i = 0; i < increment; ++i) last = sem_post(&semaphore);
+    return finishResult(ctx, last, SDSTS_CNTSEM_CLEAR);
 }
 
 } // namespace
 
 KEM_FUNC_M KemSdMutexCreate(KEM_PSDCTX_T pSdCtx, const char*, KEM_PMUTEXHDL_T phMutex)
 {
-    return finish(pSdCtx, createMutex(phMutex));
+    if (!phMutex) return finishInvalid(pSdCtx);
+    return finishResult(pSdCtx, pthread_mutex_init(phMutex, nullptr), SDSTS_MUTEX_CREATE);
 }
 
-KEM_FUNC_M KemSdMutexOpen(KEM_PSDCTX_T pSdCtx, const char*, KEM_PMUTEXHDL_T phMutex)
+KEM_FUNC_M KemSdMutexOpen(KEM_PSDCTX_T pSdCtx, const char* pszMutexName, KEM_PMUTEXHDL_T phMutex)
 {
-    return finish(pSdCtx, {createMutex(phMutex).sts, 0});
+    return finish(pSdCtx, {KemSdMutexCreate(nullptr, pszMutexName, phMutex), 0});
 }
 
 KEM_FUNC_M KemSdMutexRequest(KEM_PSDCTX_T pSdCtx, KEM_PMUTEXHDL_T phMutex, KEM_LONG_T lTimeout)
 {
-    return finish(pSdCtx, requestMutex(pSdCtx, phMutex, lTimeout));
+    if (!phMutex || lTimeout != kNoLimit) return requestLimited(pSdCtx, phMutex, lTimeout);
+    // Deliberate: the error number is errno, not the call's result.
+    if (pthread_mutex_lock(phMutex) != 0) [[unlikely]]
+        return finish(pSdCtx, failErrno(SDSTS_SEM_REQUEST));
+    return finish(pSdCtx, ok());
 }
 
 KEM_FUNC_M KemSdMutexClear(KEM_PSDCTX_T pSdCtx, KEM_PMUTEXHDL_T phMutex)
 {
-    if (!phMutex) return finish(pSdCtx, fail(SDSTS_INVALID_PARAM));
-    return finish(pSdCtx, unlessZero(pthread_mutex_unlock(phMutex), SDSTS_SEM_CLEAR));
+    if (!phMutex) return finishInvalid(pSdCtx);
+    return finishResult(pSdCtx, pthread_mutex_unlock(phMutex), SDSTS_SEM_CLEAR);
 }
 
 KEM_FUNC_M KemSdMutexClose(KEM_PSDCTX_T pSdCtx, KEM_PMUTEXHDL_T phMutex)
 {
-    return finish(pSdCtx, unlessZero(pthread_mutex_destroy(phMutex), SDSTS_MUTEX_CLOSE));
+    if (!phMutex) return finishInvalid(pSdCtx);
+    return finishResult(pSdCtx, pthread_mutex_destroy(phMutex), SDSTS_MUTEX_CLOSE);
 }
 
 KEM_FUNC_M KemSdCritSecInit(KEM_PSDCTX_T pSdCtx, KEM_PCRITSECHDL_T phCritSec)
@@ -281,39 +300,41 @@ KEM_FUNC_M KemSdCritSecDelete(KEM_PSDCTX_T pSdCtx, KEM_PCRITSECHDL_T phCritSec)
 
 KEM_FUNC_M KemSdEventCreate(KEM_PSDCTX_T pSdCtx, KEM_PEVENTHDL_T phEvent)
 {
-    if (!phEvent) return finish(pSdCtx, fail(SDSTS_INVALID_PARAM));
+    if (!phEvent) return finishInvalid(pSdCtx);
     int result = pthread_mutex_init(&phEvent->mutex, nullptr);
     if (result == 0) result = pthread_cond_init(&phEvent->cond, nullptr);
     if (result == 0) phEvent->iReady = kSet;
-    return finish(pSdCtx, unlessZero(result, SDSTS_EVENT_CREATE));
+    return finishResult(pSdCtx, result, SDSTS_EVENT_CREATE);
 }
 
 KEM_FUNC_M KemSdEventSet(KEM_PSDCTX_T pSdCtx, KEM_PEVENTHDL_T phEvent)
 {
-    if (!phEvent) return finish(pSdCtx, fail(SDSTS_INVALID_PARAM));
-    if (const int result = pthread_mutex_lock(&phEvent->mutex)) return finish(pSdCtx, fail(SDSTS_EVENT_SET, result));
-    phEvent->iReady = kSet;
-    return finish(pSdCtx, unlessZero(pthread_mutex_unlock(&phEvent->mutex), SDSTS_EVENT_SET));
+    if (!phEvent) return finishInvalid(pSdCtx);
+    return finishResult(pSdCtx, setEvent(*phEvent), SDSTS_EVENT_SET);
 }
 
 KEM_FUNC_M KemSdEventClear(KEM_PSDCTX_T pSdCtx, KEM_PEVENTHDL_T phEvent)
 {
-    return finish(pSdCtx, clearEvent(phEvent, pthread_cond_broadcast));
+    if (!phEvent) return finishInvalid(pSdCtx);
+    return finishResult(pSdCtx, clearEvent(*phEvent, pthread_cond_broadcast), SDSTS_EVENT_CLEAR);
 }
 
 KEM_FUNC_M KemSdEventSignal(KEM_PSDCTX_T pSdCtx, KEM_PEVENTHDL_T phEvent)
 {
-    return finish(pSdCtx, clearEvent(phEvent, pthread_cond_signal));
+    if (!phEvent) return finishInvalid(pSdCtx);
+    return finishResult(pSdCtx, clearEvent(*phEvent, pthread_cond_signal), SDSTS_EVENT_CLEAR);
 }
 
 KEM_FUNC_M KemSdEventWait(KEM_PSDCTX_T pSdCtx, KEM_PEVENTHDL_T phEvent, KEM_LONG_T lTimeout)
 {
-    return finish(pSdCtx, waitForEvent(phEvent, lTimeout));
+    if (!phEvent) return finishInvalid(pSdCtx);
+    return finishWait(pSdCtx, waitForEvent(*phEvent, lTimeout));
 }
 
 KEM_FUNC_M KemSdSignalWait(KEM_PSDCTX_T pSdCtx, KEM_PEVENTHDL_T phEvent, KEM_LONG_T lTimeout)
 {
-    return finish(pSdCtx, waitForSignal(phEvent, lTimeout));
+    if (!phEvent) return finishInvalid(pSdCtx);
+    return finishWait(pSdCtx, waitForSignal(*phEvent, lTimeout));
 }
 
 // Deliberate: neither the mutex nor the condition is destroyed; they own nothing.
@@ -322,29 +343,28 @@ KEM_FUNC_M KemSdEventClose(KEM_PSDCTX_T pSdCtx, KEM_PEVENTHDL_T) { return finish
 KEM_FUNC_M KemSdCntSemCreate(KEM_PSDCTX_T pSdCtx, const char*, KEM_ULONG_T ulInitialCount, KEM_ULONG_T,
                              KEM_PCNTSEMHDL_T phSem)
 {
-    if (!phSem) return finish(pSdCtx, fail(SDSTS_INVALID_PARAM));
-    return finish(pSdCtx, unlessZero(sem_init(phSem, 0, ulInitialCount), SDSTS_CNTSEM_CREATE));
+    if (!phSem) return finishInvalid(pSdCtx);
+    return finishResult(pSdCtx, sem_init(phSem, 0, ulInitialCount), SDSTS_CNTSEM_CREATE);
 }
 
 KEM_FUNC_M KemSdCntSemOpen(KEM_PSDCTX_T pSdCtx, const char*, KEM_PCNTSEMHDL_T) { return finish(pSdCtx, ok()); }
 
 KEM_FUNC_M KemSdCntSemRequest(KEM_PSDCTX_T pSdCtx, KEM_PCNTSEMHDL_T phSem, KEM_LONG_T lTimeout)
 {
-    return finish(pSdCtx, requestSemaphore(phSem, lTimeout));
+    if (!phSem || lTimeout != kNoLimit) return requestLimited(pSdCtx, phSem, lTimeout);
+    return finishResult(pSdCtx, requestWithoutLimit(*phSem), SDSTS_CNTSEM_REQUEST);
 }
 
 KEM_FUNC_M KemSdCntSemClear(KEM_PSDCTX_T pSdCtx, KEM_PCNTSEMHDL_T phSem, KEM_ULONG_T ulIncrementCount,
                             KEM_PLONG_T plPreviousCount)
 {
-    if (!phSem) return finish(pSdCtx, fail(SDSTS_INVALID_PARAM));
-    if (plPreviousCount) sem_getvalue(phSem, plPreviousCount);
-    int last = 0; // Deliberate: the posts before it may have failed.
-    for (KEM_ULONG_T i = 0; i < ulIncrementCount; ++i) last = sem_post(phSem);
-    return finish(pSdCtx, unlessZero(last, SDSTS_CNTSEM_CLEAR));
+    if (!phSem) return finishInvalid(pSdCtx);
+    if (ulIncrementCount == 1 && !plPreviousCount) return finishResult(pSdCtx, sem_post(phSem), SDSTS_CNTSEM_CLEAR);
+    return clearBy(pSdCtx, *phSem, ulIncrementCount, plPreviousCount);
 }
 
 KEM_FUNC_M KemSdCntSemClose(KEM_PSDCTX_T pSdCtx, KEM_PCNTSEMHDL_T phSem)
 {
-    if (!phSem) return finish(pSdCtx, fail(SDSTS_INVALID_PARAM));
-    return finish(pSdCtx, unlessZero(sem_destroy(phSem), SDSTS_CNTSEM_CLOSE));
+    if (!phSem) return finishInvalid(pSdCtx);
+    return finishResult(pSdCtx, sem_destroy(phSem), SDSTS_CNTSEM_CLOSE);
 }

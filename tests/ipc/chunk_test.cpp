@@ -683,11 +683,20 @@ TEST_F(Chunk, RefusedRequestOfAWriterLeavesTheStreamAsItWas)
         EXPECT_THAT(reported(KemWriteSharedMemChunk, &client_, kSlot, 3u, TRUE, TRUE, "abc"),
                     Fails(SDSTS_CNTSEM_REQUEST, EACCES));
         expectIdle(writing(client_));
-        EXPECT_THAT(reported(KemWriteSharedMemChunkCode, &client_, kSlot, 5u), Fails(SDSTS_CNTSEM_REQUEST, EACCES));
-        expectIdle(writing(client_));
     }
     EXPECT_EQ(write(client_, "abc"), 0);
     EXPECT_EQ(read(server_, 3).bytes, "abc");
+}
+
+TEST_F(Chunk, RefusedRequestOfACodeFailsTheStreamForGood)
+{
+    {
+        Failing refused(Call::semop, EACCES);
+        EXPECT_THAT(reported(KemWriteSharedMemChunkCode, &client_, kSlot, 5u), Fails(SDSTS_CNTSEM_REQUEST, EACCES));
+    }
+    expectRecord(writing(client_), 5, 0, 0);
+    EXPECT_EQ(write(client_, "abc"), -1);
+    EXPECT_EQ(KemWriteSharedMemChunkCode(nullptr, &client_, kSlot, 5), -1);
 }
 
 TEST_F(Chunk, RefusedPostOfAWriterFailsTheStreamForGood)

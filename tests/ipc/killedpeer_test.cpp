@@ -30,17 +30,36 @@ namespace {
 
 constexpr int kVictimsSlot = 0;
 constexpr int kOtherSlots[] = {1, 4};
+constexpr KEM_ULONG_T kDone = 1; // the client's last word: the server may remove the set
 constexpr long kTransferFailed = -3;
+
+// A word that the test and its children share.
+class SharedFlag {
+public:
+    SharedFlag()
+        : word_(
+              static_cast<int*>(mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)))
+    {}
+    ~SharedFlag() { munmap(word_, sizeof(int)); }
+    SharedFlag(const SharedFlag&) = delete;
+    SharedFlag& operator=(const SharedFlag&) = delete;
+    void raise() const { __atomic_store_n(word_, 1, __ATOMIC_RELEASE); }
+    bool raised() const { return __atomic_load_n(word_, __ATOMIC_ACQUIRE) != 0; }
+
+private:
+    int* word_;
+};
 
 // ---- What the two on slot 0 do; the result is the status of the call that ended it
 
 std::string request() { return std::string(3000, 'q'); } // two messages
 std::string reply() { return std::string(5, 'r'); }
 
-KEM_STS_T ask(LibraryPeer& client)
+KEM_STS_T ask(LibraryPeer& client, const SharedFlag& attached)
 {
     KEM_STS_T status = client.open();
     if (status != 0) return status;
+    attached.raise();
     status = client.write(kVictimsSlot, request());
     if (status != 0) return status;
     std::string got(reply().size(), '?');
@@ -48,17 +67,24 @@ KEM_STS_T ask(LibraryPeer& client)
     status = client.read(kVictimsSlot, static_cast<KEM_ULONG_T>(got.size()), code, got.data());
     if (status != 0) return status;
     EXPECT_EQ(got, reply());
-    return client.remove();
+    return client.writeCode(kVictimsSlot, kDone);
+}
+
+KEM_STS_T askAndLeave(LibraryPeer& client, const SharedFlag& attached)
+{
+    const KEM_STS_T status = ask(client, attached);
+    return status != 0 ? status : client.remove();
 }
 
 KEM_STS_T answer(LibraryPeer& server)
 {
     std::string got(request().size(), '?');
     KEM_ULONG_T code = 0;
-    const KEM_STS_T status = server.read(kVictimsSlot, static_cast<KEM_ULONG_T>(got.size()), code, got.data());
+    KEM_STS_T status = server.read(kVictimsSlot, static_cast<KEM_ULONG_T>(got.size()), code, got.data());
     if (status != 0) return status;
     EXPECT_EQ(got, request());
-    return server.write(kVictimsSlot, reply());
+    status = server.write(kVictimsSlot, reply());
+    return status != 0 ? status : server.readCode(kVictimsSlot, code);
 }
 
 // The server that makes the segment and hands the slot out.
@@ -77,10 +103,11 @@ KEM_STS_T serve(LibraryPeer& server)
 }
 
 // Another process of the server, which finds the segment made.
-KEM_STS_T assist(LibraryPeer& server)
+KEM_STS_T assist(LibraryPeer& server, const SharedFlag& attached)
 {
     const KEM_STS_T status = server.open(kOpenIt);
     if (status != 0) return status;
+    attached.raise();
     const KEM_STS_T answered = answer(server);
     server.remove();
     return answered;
@@ -100,6 +127,8 @@ std::string nameOf(const Death& death)
     return std::string(death.when == When::Before ? "Before_" : "After_") + death.name + std::to_string(death.k);
 }
 
+std::ostream& operator<<(std::ostream& out, const Death& death) { return out << nameOf(death); }
+
 // Every call that the exchange makes, so many times, before and after.
 std::vector<Death> deathsAround(const std::vector<std::pair<const char*, std::pair<Call, long>>>& callsMade)
 {
@@ -110,8 +139,8 @@ std::vector<Death> deathsAround(const std::vector<std::pair<const char*, std::pa
     return deaths;
 }
 
-constexpr long kClientsSemops = 6;  // two messages there, one back
-constexpr long kServersSemops = 10; // the same, and the slot map twice
+constexpr long kClientsSemops = 8;  // two messages there, one back, and a code
+constexpr long kServersSemops = 12; // the same, and the slot map twice
 
 std::vector<Death> deathsOfAClient()
 {
@@ -135,23 +164,6 @@ std::vector<Death> deathsOfAServer()
 }
 
 // ---- The processes
-
-// A word that the test and its children share.
-class SharedFlag {
-public:
-    SharedFlag()
-        : word_(
-              static_cast<int*>(mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)))
-    {}
-    ~SharedFlag() { munmap(word_, sizeof(int)); }
-    SharedFlag(const SharedFlag&) = delete;
-    SharedFlag& operator=(const SharedFlag&) = delete;
-    void raise() const { __atomic_store_n(word_, 1, __ATOMIC_RELEASE); }
-    bool raised() const { return __atomic_load_n(word_, __ATOMIC_ACQUIRE) != 0; }
-
-private:
-    int* word_;
-};
 
 class KilledPeer : public testing::TestWithParam<Death> {
 protected:
@@ -236,7 +248,9 @@ protected:
     TempDir directory;
     const std::string path = directory.write("segment", "");
     const RawLeftovers leftovers{path};
-    const SharedFlag over;
+    const SharedFlag attached; // the victim's partner is
+    const SharedFlag over;     // the test has looked at what the victim left: no segment will come any more
+    const SharedFlag unused;
 };
 
 class KilledClient : public KilledPeer {};
@@ -254,12 +268,12 @@ TEST_P(KilledClient, LosesItsSlotAndNothingElse)
     Child victimsProcess([&] {
         if (!segmentAppears(over)) return 1;
         LibraryPeer client(path, RawSide::Client);
-        return victim(GetParam(), [&] { return ask(client); });
+        return victim(GetParam(), [&] { return askAndLeave(client, unused); });
     });
     Child partnersProcess([&] {
         if (!segmentAppears(over)) return 1;
         LibraryPeer assistant(path, RawSide::Server);
-        return partner(assist(assistant));
+        return partner(assist(assistant, attached));
     });
     LibraryPeer server(path, RawSide::Server);
     ASSERT_EQ(server.open(kMakeIt), 0);
@@ -270,6 +284,7 @@ TEST_P(KilledClient, LosesItsSlotAndNothingElse)
         ASSERT_TRUE(client.open());
         for (const int slot : kOtherSlots) talk(server, client, slot);
     }
+    EXPECT_TRUE(eventually([&] { return attached.raised(); }));
     EXPECT_EQ(server.remove(), 0);
     expectRight(partnersProcess);
     EXPECT_TRUE(rawSetIsGone(set));
@@ -286,25 +301,31 @@ TEST_P(KilledServer, LeavesOtherSlotsAtWorkAndItsSuccessorMakesEverythingAnew)
     Child partnersProcess([&] {
         if (!segmentAppears(over)) return 0;
         LibraryPeer client(path, RawSide::Client);
-        return partner(ask(client));
+        const KEM_STS_T status = ask(client, attached);
+        // Detached by chance between two looks of the test, it would take the segment along.
+        if (status == 0) eventually([&] { return over.raised(); });
+        return partner(status);
     });
     expectKilled(victimsProcess);
-    over.raise();
 
     LibraryPeer client(path, RawSide::Client);
-    if (!leftovers.none() && leftovers.set() != -1 && leftovers.segment() != -1) {
+    const bool stands = leftovers.set() != -1 && leftovers.segment() != -1;
+    if (stands) {
+        EXPECT_TRUE(eventually([&] { return attached.raised(); }));
         ASSERT_EQ(client.open(), 0);
         RawPeer otherServer(path, RawSide::Server);
         ASSERT_TRUE(otherServer.open());
         for (const int slot : kOtherSlots) talk(client, otherServer, slot);
     }
+    over.raise();
+    if (!stands) expectRight(partnersProcess); // nothing is left that it could wait for
 
     // Whatever is left over is the successor's by right of its path; deleting it frees whoever waits.
     LibraryPeer successor(path, RawSide::Server);
     ASSERT_EQ(successor.open(kMakeOrTakeIt), 0);
     const int set = leftovers.set(), segment = leftovers.segment();
     EXPECT_EQ(successor.remove(), 0);
-    expectRight(partnersProcess);
+    if (stands) expectRight(partnersProcess);
     EXPECT_EQ(client.remove(), 0);
     EXPECT_TRUE(rawSetIsGone(set));
     EXPECT_TRUE(rawSegmentIsGone(segment));
@@ -318,7 +339,7 @@ TEST(KilledPeerGrid, HoldsEverySemaphoreOperationOfAnExchange)
     const TempDir directory;
     const std::string path = directory.write("segment", "");
     const RawLeftovers leftovers(path);
-    const SharedFlag never;
+    const SharedFlag unused;
     const auto counted = [](KEM_STS_T status, long semops) {
         fprintf(stderr, "status %d, %ld semops\n", status, calls(Call::semop));
         return status == 0 && calls(Call::semop) == semops && calls(Call::shmat) == 1 && calls(Call::shmdt) == 1 ? 0
@@ -333,7 +354,7 @@ TEST(KilledPeerGrid, HoldsEverySemaphoreOperationOfAnExchange)
         eventually([&] { return leftovers.segment() != -1; });
         LibraryPeer peer(path, RawSide::Client);
         resetCalls();
-        return counted(ask(peer), kClientsSemops);
+        return counted(askAndLeave(peer, unused), kClientsSemops);
     });
     const Ended clientEnded = client.ended(), serverEnded = server.ended();
     EXPECT_EQ(clientEnded.status, 0) << clientEnded.err;

@@ -39,12 +39,20 @@ struct Step {
     bool split = true;
 };
 
-// The byte at a place of the stream; one in sixteen is a NUL.
-char byteAt(uint64_t place)
+// The stream's bytes from a place on. They repeat after a number of bytes that no buffer's size divides; one in sixteen
+// is a NUL.
+std::string content(uint64_t place, size_t bytes)
 {
-    const uint64_t mixed = (place + 1) * 0x9E3779B97F4A7C15u;
-    const auto byte = static_cast<unsigned char>(mixed >> 56);
-    return static_cast<char>(byte % 16 ? byte : 0);
+    constexpr size_t kPeriod = 65521;
+    static const std::string all = [] {
+        std::string made(kPeriod, '\0');
+        std::mt19937 random(1);
+        for (char& byte : made) byte = static_cast<char>(random() % 16 ? random() % 255 + 1 : 0);
+        return made;
+    }();
+    std::string wanted;
+    while (wanted.size() < bytes) wanted += all.substr((place + wanted.size()) % kPeriod, bytes - wanted.size());
+    return wanted;
 }
 
 class Messages {
@@ -66,8 +74,11 @@ private:
     {
         const bool startsAnew = !step.split && gathered_.size() + step.bytes > kRawPayloadBytes;
         if (startsAnew) send(0);
-        for (uint32_t i = 0; i < step.bytes; ++i) {
-            gathered_ += byteAt(place_++);
+        for (uint32_t left = step.bytes; left > 0;) {
+            const auto count = std::min(left, static_cast<uint32_t>(kRawPayloadBytes - gathered_.size()));
+            gathered_ += content(place_, count);
+            place_ += count;
+            left -= count;
             if (gathered_.size() == kRawPayloadBytes) send(0);
         }
         if ((step.flush || startsAnew) && !gathered_.empty()) send(0);
@@ -163,9 +174,8 @@ void libraryWrites(LibraryPeer& library, int slot, const std::vector<Step>& step
         const Step& step = steps[i];
         KEM_STS_T status;
         if (step.bytes) {
-            std::string bytes(step.bytes, '\0');
-            for (char& byte : bytes) byte = byteAt(place++);
-            status = library.write(slot, bytes, step.flush, step.split);
+            status = library.write(slot, content(place, step.bytes), step.flush, step.split);
+            place += step.bytes;
         } else {
             status = library.writeCode(slot, step.code);
         }

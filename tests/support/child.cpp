@@ -59,13 +59,18 @@ void drain(int& end, std::string& text)
         Pipe::closeEnd(end);
 }
 
+void leaveToChild(Pipe& in, Pipe& out, Pipe& err)
+{
+    Pipe::closeEnd(in.read);
+    Pipe::closeEnd(out.write);
+    Pipe::closeEnd(err.write);
+}
+
 // Serves the child's streams until both are closed or the limit has passed, then reaps it.
 Ended attend(pid_t child, Pipe& in, Pipe& out, Pipe& err, const std::string& input, int seconds)
 {
     Ended ended;
-    Pipe::closeEnd(in.read);
-    Pipe::closeEnd(out.write);
-    Pipe::closeEnd(err.write);
+    leaveToChild(in, out, err);
     size_t written = 0;
     if (input.empty()) Pipe::closeEnd(in.write);
     const long limit = milliseconds() + seconds * 1000L;
@@ -114,11 +119,14 @@ Child::Child(const std::function<int()>& body) : streams_(std::make_unique<Strea
 {
     fflush(nullptr);
     id_ = fork();
-    if (id_ != 0) return;
-    takeStreams(streams_->in, streams_->out, streams_->err);
-    const int result = body();
-    fflush(nullptr);
-    _exit(result);
+    if (id_ == 0) {
+        takeStreams(streams_->in, streams_->out, streams_->err);
+        const int result = body();
+        fflush(nullptr);
+        _exit(result);
+    }
+    // At once, or the next child would keep this one's streams open.
+    leaveToChild(streams_->in, streams_->out, streams_->err);
 }
 
 Child::~Child()

@@ -1,0 +1,122 @@
+// The copy is made by the client, so that the server serves on; the server only keeps everybody from writing. All that
+// need not happen meanwhile happens before or after: the standstill is as long as the copying takes.
+//
+// The database file alone is the copy. While the pause is in force the server holds a reader's lock on it, which cannot
+// be had as long as a journal has to be played back, so whatever journal lies beside the file, nothing of it is needed.
+#include <fcntl.h>
+#include <kemsd/file.h>
+
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+
+#include "client/asker.h"
+#include "client/commands.h"
+#include "client/partfile.h"
+#include "client/runtime.h"
+#include "wire/fields.h"
+
+namespace sqlhost {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr size_t kPiece = 1 << 20;
+
+// A journal that lies beside the copy would be taken for the copy's own.
+void requirePlace(const BackupOptions& options, const std::string& database)
+{
+    std::error_code ignored;
+    const std::string& destination = options.destination;
+    const fs::file_status there = fs::symlink_status(destination, ignored);
+    if (fs::equivalent(destination, database, ignored)) throw Failure(destination + " is the database itself");
+    if (fs::exists(there) && !options.force) throw Failure(destination + " exists; --force replaces it");
+    if (fs::exists(there) && !fs::is_regular_file(there)) throw Failure(destination + " is no regular file");
+    for (const char* suffix : {"-journal", "-wal"})
+        if (fs::exists(destination + suffix, ignored))
+            throw Failure(destination + suffix + " exists: it would be taken for a part of the copy");
+}
+
+// The database file, for reading from its beginning.
+class Source {
+public:
+    Source(KEM_PSDCTX_T context, const std::string& path) : context_(context), path_(path)
+    {
+        if (KemSdFileOpen(context_, path_.c_str(), O_RDONLY | O_CLOEXEC, 0, &handle_) != 0) fail("open");
+    }
+    ~Source() { KemSdFileClose(nullptr, handle_); }
+    Source(const Source&) = delete;
+    Source& operator=(const Source&) = delete;
+
+    // How many bytes there were, 0 at the end.
+    size_t read(char* buffer, size_t size)
+    {
+        KEM_INT_T got = 0;
+        if (KemSdFileRead(context_, handle_, buffer, static_cast<KEM_UINT_T>(size), &got) != 0) fail("read");
+        return static_cast<size_t>(got);
+    }
+
+private:
+    [[noreturn]] void fail(const char* what) const
+    {
+        throw Failure(text("cannot %s %s: %s", what, path_.c_str(), strerror(context_->osRetCode)));
+    }
+
+    KEM_PSDCTX_T context_;
+    const std::string path_;
+    int handle_ = -1;
+};
+
+void pauseWriting(Connection& connection, uint32_t seconds)
+{
+    FieldWriter limit;
+    limit.number(seconds);
+    askForNumber(connection, kRequestPause, limit.bytes(), "nothing was copied");
+}
+
+uint64_t copy(Source& source, PartFile& part)
+{
+    const auto buffer = std::make_unique<char[]>(kPiece);
+    uint64_t bytes = 0;
+    while (const size_t got = source.read(buffer.get(), kPiece)) {
+        part.write(buffer.get(), got);
+        bytes += got;
+    }
+    return bytes;
+}
+
+// How long writing stood still. An answer tells that it did to the end of the copying.
+uint64_t resumeWriting(Connection& connection)
+try {
+    return askForNumber(connection, kRequestResume, {}, "writing may have gone on meanwhile");
+} catch (const Failure& failure) {
+    throw Failure(std::string(failure.what()) + ": the copy could be inconsistent and was removed");
+}
+
+std::string standstill(uint64_t microseconds)
+{
+    if (microseconds < 1000000) return text("%.1f ms", static_cast<double>(microseconds) / 1e3);
+    return text("%.2f s", static_cast<double>(microseconds) / 1e6);
+}
+
+} // namespace
+
+void backUp(const BackupOptions& options)
+{
+    ClientRuntime runtime;
+    ServerLink link(runtime.context(), options.directory);
+    Connection& connection = link.connection();
+    const std::string database = ServerDirectory(options.directory).database;
+    requirePlace(options, database);
+    PartFile part(runtime.context(), options.destination);
+    Source source(runtime.context(), database);
+    pauseWriting(connection, options.seconds);
+    const uint64_t bytes = copy(source, part);
+    const uint64_t stood = resumeWriting(connection);
+    part.complete(options.force ? PartFile::Existing::replace : PartFile::Existing::refuse);
+    printf("%s copied to %s; writing stood still for %s\n", bytesText(bytes).c_str(), options.destination.c_str(),
+           standstill(stood).c_str());
+}
+
+} // namespace sqlhost

@@ -1,0 +1,34 @@
+// Results on standard output: as tables for people, or as CSV that `import` reads back as the same values.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "table.h"
+#include "value.h"
+
+namespace sqlhost {
+
+class ResultPrinter {
+public:
+    // Answers end with the number of their rows; the parts of a report are parted by an empty line.
+    enum class Style { answers, report };
+    explicit ResultPrinter(bool asCsv, Style style = Style::answers) : asCsv_(asCsv), style_(style) {}
+
+    // A result: its columns, its rows, its end.
+    void begin(const std::vector<std::string>& columns);
+    void add(const std::vector<Value>& row);
+    void end();
+    // What a statement without a result did.
+    void changed(uint64_t rows);
+
+private:
+    bool asCsv_;
+    Style style_;
+    bool first_ = true;
+    std::unique_ptr<Table> table_;
+    uint64_t rows_ = 0;
+};
+
+} // namespace sqlhost

@@ -1,0 +1,97 @@
+#include "serve/session.h"
+
+#include <new>
+
+#include "serve/belongings.h"
+#include "serve/guard.h"
+#include "serve/requestreader.h"
+#include "serve/requests.h"
+#include "serve/service.h"
+
+namespace sqlhost {
+
+Session::Session(Service& service, const Slot& slot, const Hello& client)
+    : service_(service), slot_(slot), client_(client), channel_(slot.shared, slot.slot)
+{}
+
+void Session::start()
+{
+    KEM_THDID_T id = 0;
+    if (KemSdThreadCreate(service_.server().context(), threadBody, nullptr, 0, this, &id, &thread_) == 0) return;
+    ended_.store(true, std::memory_order_release);
+    throw Failure("no thread for a further client");
+}
+
+void Session::join() { KemSdThreadJoin(service_.server().context(), &thread_); }
+
+// Nothing of the session is touched once it has ended: the joining thread frees it.
+void* Session::threadBody(void* parameter)
+{
+    Session& session = *static_cast<Session*>(parameter);
+    Service& service = session.service_;
+    session.work();
+    session.activity_.store("ended", std::memory_order_relaxed);
+    session.ended_.store(true, std::memory_order_release); // pairs with ended()
+    service.wake();
+    return nullptr;
+}
+
+// The slot is the client's until it leaves, so a session that cannot work still answers.
+void Session::work()
+try {
+    try {
+        ThreadContext thread(&service_.server().net(), &service_.server().service());
+        converse(thread.context());
+    } catch (const std::exception& failure) {
+        refuseAll(failure.what());
+    }
+} catch (const PeerGone&) {
+}
+
+void Session::converse(KEM_PSDCTX_T context)
+{
+    std::optional<Database> database;
+    Belongings belongings(service_.pause());
+    while (answerNext(context, database, belongings)) {
+    }
+}
+
+bool Session::answerNext(KEM_PSDCTX_T context, std::optional<Database>& database, Belongings& belongings)
+{
+    Answer answer(context, channel_);
+    activity_.store("idle", std::memory_order_relaxed);
+    try {
+        const Request request = nextRequest(context, channel_);
+        const RequestKind& kind = *requestKind(request.type);
+        requests_.fetch_add(1, std::memory_order_relaxed);
+        if (!kind.handler) return false;
+        activity_.store(kind.what, std::memory_order_relaxed);
+        if (!database) guard(database.emplace(service_.directory().database, DatabaseMode::existing), channel_);
+        Desk desk{service_, *database, channel_, belongings, slot_, client_.pid};
+        kind.handler(desk, request.payload, answer);
+        answer.finish();
+    } catch (const RequestFailure& failure) {
+        answer.fail(failure.place, failure.what());
+    } catch (const Failure& failure) {
+        answer.fail(kNoPlace, failure.what());
+    } catch (const std::bad_alloc&) {
+        answer.fail(kNoPlace, "the server is out of memory");
+    } catch (const std::exception& failure) {
+        answer.fail(kNoPlace, failure.what());
+    }
+    return true;
+}
+
+void Session::refuseAll(const char* why)
+{
+    activity_.store("failed", std::memory_order_relaxed);
+    for (;;) {
+        try {
+            if (!requestKind(nextRequest(nullptr, channel_).type)->handler) return;
+        } catch (const BadRequest&) {
+        }
+        Answer(nullptr, channel_).fail(kNoPlace, why);
+    }
+}
+
+} // namespace sqlhost

@@ -1,0 +1,69 @@
+// kemsd's file locks belong to the process and cover the whole file; these are asked of the system directly.
+#include "wire/lockfile.h"
+
+#include <fcntl.h>
+#include <kemsd/file.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "text.h"
+
+namespace sqlhost {
+namespace {
+
+struct flock lockOf(short type, int64_t byte)
+{
+    struct flock lock = {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = byte;
+    lock.l_len = 1;
+    return lock;
+}
+
+} // namespace
+
+LockFile::LockFile(KEM_PSDCTX_T context, const std::string& path, Missing missing) : path_(path)
+{
+    constexpr int kOwnerOnly = 0600;
+    const int flags = O_RDWR | O_CLOEXEC | (missing == Missing::make ? O_CREAT : 0);
+    if (KemSdFileOpen(context, path.c_str(), flags, kOwnerOnly, &handle_) != 0)
+        throw Failure(text("cannot open %s: %s", path.c_str(), strerror(context->osRetCode)));
+}
+
+LockFile::~LockFile()
+{
+    if (handle_ != -1) KemSdFileClose(nullptr, handle_);
+}
+
+bool LockFile::tryLock(int64_t byte)
+{
+    struct flock lock = lockOf(F_WRLCK, byte);
+    if (fcntl(handle_, F_OFD_SETLK, &lock) == 0) return true;
+    if (errno != EAGAIN && errno != EACCES) throw Failure(text("cannot lock %s: %s", path_.c_str(), strerror(errno)));
+    return false;
+}
+
+void LockFile::unlock(int64_t byte)
+{
+    struct flock lock = lockOf(F_UNLCK, byte);
+    fcntl(handle_, F_OFD_SETLK, &lock);
+}
+
+// What cannot be asked counts as locked: nobody is declared dead by mistake.
+bool LockFile::isLocked(int64_t byte) const
+{
+    struct flock lock = lockOf(F_WRLCK, byte);
+    return fcntl(handle_, F_OFD_GETLK, &lock) == -1 || lock.l_type != F_UNLCK;
+}
+
+std::string LockFile::note(KEM_PSDCTX_T context) const
+{
+    char bytes[kLongestNote];
+    KEM_UINT_T got = 0;
+    if (KemSdFilePRead(context, handle_, bytes, 0, sizeof bytes, &got) != 0) return {};
+    return {bytes, got};
+}
+
+} // namespace sqlhost
