@@ -922,6 +922,19 @@ TEST_F(Chunk, WritersHeaderComesFromItsOwnRecord)
 
 // ---- Streams
 
+TEST_F(Chunk, MessageCostsTwoSemaphoreOperationsOnEachSide)
+{
+    resetCalls();
+    ASSERT_EQ(write(client_, "abc", false), 0);
+    EXPECT_EQ(calls(Call::semop), 1);
+    ASSERT_EQ(write(client_, "def", false), 0);
+    EXPECT_EQ(calls(Call::semop), 1);
+    ASSERT_EQ(write(client_, "ghi", true), 0);
+    EXPECT_EQ(calls(Call::semop), 2);
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(read(server_, 3).sts, 0);
+    EXPECT_EQ(calls(Call::semop), 4);
+}
+
 TEST_F(Chunk, BytesArriveInOrderWhateverTheirPieces)
 {
     const std::string bytes = pattern(60000);

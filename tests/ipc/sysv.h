@@ -109,18 +109,20 @@ private:
     Heir heir_;
 };
 
-// The member's value; an owner without the right to read gives it to itself.
-inline int semaphore(int id, int member)
+// What the system says of a member; an owner without the right to read gives it to itself.
+inline int look(int id, int member, int command)
 {
-    const int value = semctl(id, member, GETVAL, 0);
-    if (value != -1 || errno != EACCES) return value;
+    const int answer = semctl(id, member, command, 0);
+    if (answer != -1 || errno != EACCES) return answer;
     semid_ds owned{};
     owned.sem_perm.uid = geteuid();
     owned.sem_perm.gid = getegid();
     owned.sem_perm.mode = 0600;
     if (semctl(id, 0, IPC_SET, &owned) == -1) return -1;
-    return semctl(id, member, GETVAL, 0);
+    return semctl(id, member, command, 0);
 }
+
+inline int semaphore(int id, int member) { return look(id, member, GETVAL); }
 
 inline std::vector<int> semaphores(int id, int members)
 {
@@ -137,7 +139,7 @@ inline void change(int id, int member, short by)
 }
 
 // How many callers wait for the member to grow.
-inline int waiters(int id, int member) { return semctl(id, member, GETNCNT, 0); }
+inline int waiters(int id, int member) { return look(id, member, GETNCNT); }
 
 // How many times the segment is attached, by all processes; -1 when it does not exist.
 inline long attachments(int id)
