@@ -1,8 +1,8 @@
 // The copy is made by the client, so that the server serves on; the server only keeps everybody from writing. All that
 // need not happen meanwhile happens before or after: the standstill is as long as the copying takes.
 //
-// The database file alone is the copy. While the pause is in force the server holds a reader's lock on it, which cannot
-// be had as long as a journal has to be played back, so whatever journal lies beside the file, nothing of it is needed.
+// The database file alone is the copy. While the pause is in force the server holds the right to write, which cannot be
+// had as long as a journal has to be played back: nothing of what may lie beside the file is needed.
 #include <fcntl.h>
 #include <kemsd/file.h>
 
