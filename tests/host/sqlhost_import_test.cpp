@@ -280,7 +280,7 @@ TEST_F(SqlImport, ClientKilledAtAnyMomentHasImportedAllOrNothing)
             siginfo_t ended = {};
             if (waitid(P_PID, client.pid(), &ended, WEXITED | WNOHANG | WNOWAIT) != 0 || ended.si_pid != 0) return true;
             for (const std::string& line : clients())
-                if (line.find("," + std::to_string(client.pid()) + ",") != std::string::npos)
+                if (line.find(std::string(",") + std::to_string(client.pid()) + ",") != std::string::npos)
                     return std::stoi(line.substr(line.rfind(',') + 1)) >= requests;
             return false;
         };
@@ -301,7 +301,7 @@ TEST_F(SqlImport, ManyClientsAtOnceImportAllTheirRows)
     serve();
     std::vector<std::unique_ptr<Background>> imports;
     for (int i = 0; i < kClients; ++i) {
-        const std::string file = write("t" + std::to_string(i) + ".csv", numbers(i * kRows, kRows, 200));
+        const std::string file = write(std::string("t") + std::to_string(i) + ".csv", numbers(i * kRows, kRows, 200));
         imports.push_back(std::make_unique<Background>(
             std::vector<std::string>{SQLHOST, "import", directory(), i % 2 ? "odd" : "even", file}));
     }
@@ -370,10 +370,11 @@ protected:
         sqlhost::AnswerReader answer(connection.context(), connection.channel());
         while (answer.next()) {
             sqlhost::FieldReader fields(answer.payload());
-            if (answer.type() == sqlhost::kFrameDone) said += " " + std::to_string(fields.number<uint64_t>());
+            if (answer.type() == sqlhost::kFrameDone)
+                said += std::string(" ") + std::to_string(fields.number<uint64_t>());
             if (answer.type() != sqlhost::kFrameError) continue;
             const auto place = fields.number<uint32_t>();
-            if (place != sqlhost::kNoPlace) error += "line " + std::to_string(place) + ": ";
+            if (place != sqlhost::kNoPlace) error += std::string("line ") + std::to_string(place) + ": ";
             error += fields.rest();
         }
         return error.empty() ? "ok" + said : error;
