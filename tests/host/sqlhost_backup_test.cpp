@@ -47,12 +47,12 @@ protected:
         return host(arguments);
     }
 
-    // A backup that has paused writing, has copied a part, and stands still.
+    // A backup that has paused writing and stands still in the middle of its copy.
     std::unique_ptr<Background> heldBackup(const std::string& destination, const std::string& limit = "3600") const
     {
         const char* const sanitizer = getenv("ASAN_OPTIONS");
         auto backup = std::make_unique<Background>(std::vector<std::string>{
-            "/usr/bin/env", "KEMSD_TEST_STOP_AT_WRITE=2", "LD_PRELOAD=" STOP_AT_WRITE,
+            "/usr/bin/env", "LD_PRELOAD=" STOP_IN_PAUSE,
             "ASAN_OPTIONS=" + std::string(sanitizer ? sanitizer : "") + ":verify_asan_link_order=0", SQLHOST, "backup",
             "--limit", limit, directory(), destination});
         int status = 0;
