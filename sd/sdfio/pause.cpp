@@ -125,19 +125,18 @@ KEM_STS_T waitAtBarrier(OV_THDCTX_T& thread)
     KEM_STS_T sts = KemSdStartRead(&thread, thread.pSyncCtx, &pause.rwlockPauseUpdates);
     if (sts != 0) return sts;
     while ((sts = waitAtBarrier(thread)) == 0) {
-        // One look a pass: a flag found lowered and then raised would keep a counted writer waiting for the pause that
-        // waits for it.
-        const bool again = paused(pause);
         if (!thread.bBusyWriteIO) continue;
-        if (!again) break;
+        if (!paused(pause)) break;
         backOff(thread);
     }
     KemSdEndRW(&thread, thread.pSyncCtx, &pause.rwlockPauseUpdates);
     return sts;
 }
 
-// The short ways of taking a lease and giving it back end in a function for everything else, so that they need no
-// stack.
+// One look at the flag decides. With a second one that finds it raised only then, a counted writer would wait for the
+// pause that waits for it.
+//
+// The short ways of taking a lease and giving it back end in a function for everything else: they need no stack.
 inline KEM_STS_T takeLease(OV_THDCTX_T& thread)
 {
     countIn(thread);
@@ -150,6 +149,7 @@ inline KEM_STS_T giveLeaseBack(OV_THDCTX_T& thread, KEM_PSDCTX_T ctx)
 {
     OV_PAUSE_INTERFACE_T& pause = thread.svctxp->pauseinterface;
     if (thread.bBusyWriteIO) [[likely]] {
+        // Not below 0, whatever became of the count.
         if (loadRelaxed(pause.lBusyWriteIOCnt) > 0) [[likely]]
             countOut(thread);
         thread.bBusyWriteIO = FALSE;

@@ -249,7 +249,7 @@ KEM_STS_T KemSdEndRW(void* tctxp, KEM_SYNCCTX_T* pSyncCtx, void* pSem)
     auto& lock = *static_cast<Lock*>(pSem);
     Node** place = find(lists(pSyncCtx->pUsed), lock);
     Node* node = *place;
-    if (!node) return SDSTS_SEM_CLEAR;
+    if (!node || node->sCount < 1) return SDSTS_SEM_CLEAR;
     if (node->sCount > 1) {
         --node->sCount;
         return 0;

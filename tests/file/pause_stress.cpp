@@ -143,7 +143,7 @@ TEST(PauseStress, NothingMovesDuringAPause)
 
 namespace {
 
-constexpr long kMeetings = kLeases / 10;
+constexpr long kMeetings = kLeases / 20;
 
 // Two threads go on together, as exactly as spinning allows.
 class Meeting {

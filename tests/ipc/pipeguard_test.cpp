@@ -79,17 +79,17 @@ protected:
              }},
             {"NamedPipePeek", 0, [] { EXPECT_NE(KemSdNamedPipePeek(nullptr, nullptr, nullptr, 0, nullptr), 0); }},
             {"NamedPipeWait", 0, [] { EXPECT_NE(KemSdNamedPipeWait(nullptr, nullptr, 0), 0); }},
-            {"MakeNmPipe", 1, [=] { succeeded(ovUNIXMakeNmPipe(path)); }},
-            {"ConnectNmPipe", 1, [=, this] { succeeded(ovUNIXConnectNmPipe(path_.c_str(), &fd_)); }},
-            {"PipeWrite", 1,
+            {"ovUNIXMakeNmPipe", 1, [=] { succeeded(ovUNIXMakeNmPipe(path)); }},
+            {"ovUNIXConnectNmPipe", 1, [=, this] { succeeded(ovUNIXConnectNmPipe(path_.c_str(), &fd_)); }},
+            {"ovUNIXPipeWrite", 1,
              [this] {
                  succeeded(ovUNIXPipeWrite({fd_, fd_, nullptr}, byte_, 1, &count_));
              }},
-            {"PipeRead", 1,
+            {"ovUNIXPipeRead", 1,
              [this] {
                  succeeded(ovUNIXPipeRead({fd_, fd_, nullptr}, byte_, 1, &count_));
              }},
-            {"DisConnectNmPipe", 1,
+            {"ovUNIXDisConnectNmPipe", 1,
              [this] {
                  succeeded(ovUNIXDisConnectNmPipe({fd_, dup(fd_), name_.data()}));
              }},
@@ -123,14 +123,14 @@ TEST_F(PipeGuard, RunsBeforeTheArgumentsAreChecked)
             {"NamedPipeUnixCreate", 1, [] { invalid(KemSdNamedPipeUnixCreate(nullptr, nullptr)); }},
             {"NamedPipeUnixConnect", 1, [] { invalid(KemSdNamedPipeUnixConnect(nullptr, nullptr, nullptr)); }},
             {"NamedPipeDisconnect", 1, [] { invalid(KemSdNamedPipeDisconnect(nullptr, nullptr)); }},
-            {"MakeNmPipe", 1, [] { invalid(ovUNIXMakeNmPipe(nullptr)); }},
-            {"ConnectNmPipe", 1, [] { invalid(ovUNIXConnectNmPipe(nullptr, nullptr)); }},
-            {"DisConnectNmPipe", 1,
+            {"ovUNIXMakeNmPipe", 1, [] { invalid(ovUNIXMakeNmPipe(nullptr)); }},
+            {"ovUNIXConnectNmPipe", 1, [] { invalid(ovUNIXConnectNmPipe(nullptr, nullptr)); }},
+            {"ovUNIXDisConnectNmPipe", 1,
              [] {
                  invalid(ovUNIXDisConnectNmPipe({-1, -1, nullptr}));
              }},
-            {"PipeWrite", 1, [] { invalid(ovUNIXPipeWrite({}, nullptr, 0, nullptr)); }},
-            {"PipeRead", 1, [] { invalid(ovUNIXPipeRead({}, nullptr, 0, nullptr)); }},
+            {"ovUNIXPipeWrite", 1, [] { invalid(ovUNIXPipeWrite({}, nullptr, 0, nullptr)); }},
+            {"ovUNIXPipeRead", 1, [] { invalid(ovUNIXPipeRead({}, nullptr, 0, nullptr)); }},
         },
         true);
 }

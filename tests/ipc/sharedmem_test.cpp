@@ -17,12 +17,13 @@ constexpr KEM_BIT32_T kMake = 8;
 constexpr KEM_BIT32_T kNew = 16;
 constexpr KEM_SIZE_T kBytes = 5000;
 
-int guarded = 0;
+int guarded = 0; // passages of the lease guard
 
 class SharedMem : public testing::Test {
 protected:
     ~SharedMem() override
     {
+        KemSdSetFailoverModeFlag(FALSE);
         if (id_ != kNoId && attached()) KemSdSharedMemFree(nullptr, id_, base_);
     }
 
@@ -234,6 +235,7 @@ TEST_F(SharedMem, LastProcessToDetachRemovesTheSegment)
     });
     EXPECT_EQ(child.status, 0);
     EXPECT_EQ(attachments(id_), 1);
+    EXPECT_EQ(file_.segment(), id_); // under its key, so it has not been marked for removal
     EXPECT_THAT(free(), Succeeds());
     EXPECT_EQ(file_.segment(), -1);
 }
@@ -253,6 +255,7 @@ TEST_F(SharedMem, RefusedDetachmentIsNoFailureAndKeepsTheSegment)
         EXPECT_THAT(reported(KemSdSharedMemFree, id_, base_), Succeeds());
     }
     EXPECT_EQ(attachments(id_), 1);
+    EXPECT_EQ(file_.segment(), id_);
 }
 
 TEST_F(SharedMem, SegmentOfUnknownStateIsNotRemoved)

@@ -5,12 +5,14 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "support/rawpeer.h"
 #include "support/tempdir.h"
 
 namespace kemsd::test {
@@ -19,14 +21,7 @@ namespace kemsd::test {
 // whoever made it and however the test or its children ended.
 class SysVFile {
 public:
-    SysVFile() : path_(dir_.write("keys", "")) {}
-    ~SysVFile()
-    {
-        removeSet();
-        removeSegment();
-    }
-    SysVFile(const SysVFile&) = delete;
-    SysVFile& operator=(const SysVFile&) = delete;
+    SysVFile() : path_(dir_.write("keys", "")), leftovers_(path_) {}
 
     const char* path() const { return path_.c_str(); }
     const TempDir& dir() const { return dir_; }
@@ -34,35 +29,32 @@ public:
     key_t segmentKey() const { return ftok(path(), 'w'); }
 
     // The id of what exists, or -1.
-    int set() const { return semget(setKey(), 0, 0); }
-    int segment() const { return shmget(segmentKey(), 0, 0); }
+    int set() const { return leftovers_.set(); }
+    int segment() const { return leftovers_.segment(); }
 
-    void removeSet() const
-    {
-        if (const int id = set(); id != -1) semctl(id, 0, IPC_RMID, 0);
-    }
-    void removeSegment() const
-    {
-        if (const int id = segment(); id != -1) shmctl(id, IPC_RMID, nullptr);
-    }
+    void removeSet() const { semctl(set(), 0, IPC_RMID, 0); }
+    void removeSegment() const { shmctl(segment(), IPC_RMID, nullptr); }
 
 private:
     TempDir dir_;
     std::string path_;
+    RawLeftovers leftovers_;
 };
 
-// The member's value; an owner without the right to read gives it to itself.
-inline int semaphore(int id, int member)
+// What the system says of a member; an owner without the right to read gives it to itself.
+inline int look(int id, int member, int command)
 {
-    const int value = semctl(id, member, GETVAL, 0);
-    if (value != -1 || errno != EACCES) return value;
+    const int answer = semctl(id, member, command, 0);
+    if (answer != -1 || errno != EACCES) return answer;
     semid_ds owned{};
     owned.sem_perm.uid = geteuid();
     owned.sem_perm.gid = getegid();
     owned.sem_perm.mode = 0600;
     if (semctl(id, 0, IPC_SET, &owned) == -1) return -1;
-    return semctl(id, member, GETVAL, 0);
+    return semctl(id, member, command, 0);
 }
+
+inline int semaphore(int id, int member) { return look(id, member, GETVAL); }
 
 inline std::vector<int> semaphores(int id, int members)
 {
@@ -79,7 +71,7 @@ inline void change(int id, int member, short by)
 }
 
 // How many callers wait for the member to grow.
-inline int waiters(int id, int member) { return semctl(id, member, GETNCNT, 0); }
+inline int waiters(int id, int member) { return look(id, member, GETNCNT); }
 
 // How many times the segment is attached, by all processes; -1 when it does not exist.
 inline long attachments(int id)
