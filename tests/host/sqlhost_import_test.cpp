@@ -22,12 +22,6 @@ using testing::HasSubstr;
 
 class SqlImport : public SqlServer {
 protected:
-    SqlImport()
-    {
-        setenv("ZANTOPATH", "", 1); // of a test that set it
-        unsetenv("ZANTOPATH");
-    }
-
     Ended import(const std::string& table, const std::string& file, const std::vector<std::string>& options = {}) const
     {
         std::vector<std::string> arguments = {"import", directory(), table, file};
