@@ -279,11 +279,10 @@ class Process {
 public:
     // Both processes on one processor, or each on its own.
     template <class Body>
-    Process(bool together, Body body) : pinned_(0, 2), id_(fork())
+    Process(bool together, Body body) : id_(fork()), pinned_(id_ == 0 && !together ? 1 : 0, 2)
     {
         if (id_ != 0) return;
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        const Pinned pinned(together ? 0 : 1, 2);
         _exit(body() ? 0 : 1);
     }
     // It has been told that no more will come, unless the link is broken.
@@ -297,8 +296,8 @@ public:
     bool running() const { return id_ != -1; }
 
 private:
-    Pinned pinned_;
     pid_t id_;
+    Pinned pinned_;
 };
 
 template <class Link>

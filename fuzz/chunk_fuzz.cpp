@@ -137,9 +137,11 @@ struct Stream {
     bool failed = false;
 };
 
+constexpr uint32_t kNoCode = 0x5A5A5A5A; // what stands where nothing was stored
+
 struct Call {
     KEM_STS_T status = 0;
-    uint32_t code = 0;
+    uint32_t code = kNoCode;
     std::string bytes;
 };
 
@@ -248,7 +250,7 @@ public:
         const size_t room = string ? kPayload : wanted;
         const std::unique_ptr<char[]> to(new char[room]);
         memset(to.get(), kUntouched, room);
-        uint32_t code = 0;
+        uint32_t code = kNoCode;
         shared_.open(slot, false, failingPost);
         const KEM_STS_T status =
             KemReadSharedMemChunk(nullptr, &segment_, slot, wanted, string, withCode ? &code : nullptr, to.get());
@@ -268,7 +270,7 @@ public:
 
     void readCode(int slot, bool withCode, int failingPost)
     {
-        uint32_t code = 0;
+        uint32_t code = kNoCode;
         shared_.open(slot, false, failingPost);
         const KEM_STS_T status = KemReadSharedMemChunkCode(nullptr, &segment_, slot, withCode ? &code : nullptr);
         shared_.close();

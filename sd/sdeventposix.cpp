@@ -79,7 +79,7 @@ void addSignal(KEM_COUNTINGEVENT_T& event) { ++event.counter; }
 void consume(KEM_STDEVENT_T& event) { event.is_signaled = FALSE; }
 void consume(KEM_COUNTINGEVENT_T& event) { --event.counter; }
 
-// ---- What both do: the results are numbers of the thread library, of the first call where one is let through at all
+// ---- What both do. A result is 0 or the number of the one refusal that is reported
 
 // `fresh` holds the word's first value. The caller's record is written only when everything has succeeded.
 template <class Event>
@@ -104,9 +104,9 @@ int set(Event& event, const Places& places)
     return 0;
 }
 
-// The sleeping parts are entered and left with the mutex held, and stand apart from the straight way.
+// Sleeping begins and ends with the mutex held. It stands apart, so that the straight way saves few registers.
 template <class Event>
-[[gnu::noinline]] void sleep(Event& event, const SourcePoint& place)
+[[gnu::noinline]] void sleepUntilSignaled(Event& event, const SourcePoint& place)
 {
     while (!signaled(event)) mustBeZero(place, pthread_cond_wait(&event.cond, &event.mutex));
 }
@@ -116,7 +116,7 @@ int wait(Event& event, const Places& places)
 {
     if (const int result = pthread_mutex_lock(&event.mutex)) return result;
     if (!signaled(event)) [[unlikely]]
-        sleep(event, places.waitWait);
+        sleepUntilSignaled(event, places.waitWait);
     consume(event);
     mustBeZero(places.waitUnlock, pthread_mutex_unlock(&event.mutex));
     return 0;
@@ -161,7 +161,7 @@ Outcome timedWait(Event& event, KEM_ULONG_T milliseconds, const Places& places)
 }
 
 template <class Event>
-void close(Event& event, const Places& places)
+void destroy(Event& event, const Places& places)
 {
     mustBeZero(places.closeMutex, pthread_mutex_destroy(&event.mutex));
     mustBeZero(places.closeCond, pthread_cond_destroy(&event.cond));
@@ -234,13 +234,13 @@ KEM_FUNC_M KemSdCountingEventTimedWait(KEM_PSDCTX_T pSdCtx, KEM_COUNTINGEVENT_T*
 KEM_FUNC_M KemSdStdEventClose(KEM_PSDCTX_T pSdCtx, KEM_STDEVENT_T* pEvent)
 {
     if (!pEvent) return finishInvalid(pSdCtx);
-    close(*pEvent, kStandard);
+    destroy(*pEvent, kStandard);
     return finish(pSdCtx, ok());
 }
 
 KEM_FUNC_M KemSdCountingEventClose(KEM_PSDCTX_T pSdCtx, KEM_COUNTINGEVENT_T* pEvent)
 {
     if (!pEvent) return finishInvalid(pSdCtx);
-    close(*pEvent, kCounting);
+    destroy(*pEvent, kCounting);
     return finish(pSdCtx, ok());
 }

@@ -9,6 +9,7 @@
 #include "sd/sdsyncinit.h"
 
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <time.h>
 #include <unistd.h>
@@ -143,9 +144,21 @@ KEM_STS_T giveUp(KEM_STS_T& own, KEM_STS_T sts, KEM_PIPEHDL_T* out)
     return sts;
 }
 
+// Yields like a lock's waiter: under a real-time policy the second thread might never get the processor otherwise.
+void awaitSecond(const KemSyncEnvInitThrdArgs& args)
+{
+    // Acquire: pairs with the second thread's first step.
+    for (int64_t round = 0; loadAcquire(args.lReady2) == 0;) {
+        pauseHint();
+        if (++round < spinBound()) continue;
+        sched_yield();
+        round = 0;
+    }
+}
+
 KEM_STS_T bounce(KemSyncEnvInitThrdArgs& args)
 {
-    while (loadAcquire(args.lReady2) == 0) pauseHint(); // pairs with the second thread's start
+    awaitSecond(args);
     storeRelease(args.lReady1, 1);
     KemSdSleep(nullptr, kSettlingMilliseconds); // by then the second thread is blocked in its read
     const timespec start = now();
@@ -251,7 +264,7 @@ KEM_STS_T ovSdSyncMeasureContextSwitch1(KemSyncEnvInitThrdArgs* args)
 KEM_STS_T ovSdSyncMeasureContextSwitch2(KemSyncEnvInitThrdArgs* args)
 {
     const int64_t tries = args->lNumOfTries;
-    storeRelease(args->lReady2, 1); // pairs with the first thread's wait
+    storeRelease(args->lReady2, 1); // pairs with awaitSecond()
     KEM_STS_T sts = 0;
     for (int64_t i = 0; sts == 0 && i < tries && loadAcquire(args->sts1) == 0; ++i) {
         sts = receive(args->pPipeIn2);

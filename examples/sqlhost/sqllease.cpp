@@ -2,19 +2,22 @@
 // single write inside it, share the one that the thread already holds.
 #include <kemsd/file.h>
 
+#include <atomic>
+
 #include "sqlvfs.h"
 
 namespace sqlhost {
 namespace {
 
 thread_local int uses = 0; // files and operations of this thread that want the lease
-thread_local bool refused = false;
+thread_local LeaseMode mode = LeaseMode::usual;
+std::atomic<bool> keptBack{false};
 
 } // namespace
 
 int takeLease(const char* path)
 {
-    if (refused) {
+    if (mode != LeaseMode::usual) {
         threadContext()->osRetCode = 0;
         return trouble(SQLITE_IOERR_LOCK, "this client has paused writing to", path);
     }
@@ -31,6 +34,12 @@ void giveLease()
 
 bool holdsLease() { return uses > 0; }
 
-void refuseLeases(bool refuse) { refused = refuse; }
+LeaseMode leaseMode() { return mode; }
+
+void setLeaseMode(LeaseMode next) { mode = next; }
+
+void keepWritersBack(bool back) { keptBack.store(back, std::memory_order_relaxed); }
+
+bool writersAreKeptBack() { return keptBack.load(std::memory_order_relaxed); }
 
 } // namespace sqlhost

@@ -9,7 +9,9 @@
 // descriptor of the file drops nothing. kemsd's file locks belong to the process and cover the whole file: these go to
 // the system directly. The kernel drops them when the process ends, however it ends.
 //
-// The lease for writing is taken before the first lock above SHARED is asked for, and goes with the last.
+// The lease for writing is taken before the first lock above SHARED is asked for, and goes with the last. Who waits for
+// it while a pause is being made keeps its SHARED lock, and nobody could commit any more: so writers are kept back, and
+// a pause begins to be made, only while the connection that asks for it is the one that may write.
 #include <fcntl.h>
 
 #include <cerrno>
@@ -80,19 +82,33 @@ int lockForWriting(KemsdFile& file, int level)
 
 bool writes(const KemsdFile& file) { return file.lockLevel > SQLITE_LOCK_SHARED; }
 
+int beginWriting(KemsdFile& file, int level)
+{
+    if (level == SQLITE_LOCK_RESERVED && leaseMode() == LeaseMode::reserving) return SQLITE_OK;
+    if (writersAreKeptBack()) return SQLITE_BUSY;
+    const int result = takeLease(file.path);
+    file.leased = result == SQLITE_OK;
+    return result;
+}
+
+void endWriting(KemsdFile& file)
+{
+    if (file.leased) giveLease();
+    file.leased = false;
+}
+
 } // namespace
 
 int lockFile(KemsdFile& file, int level)
 {
     if (file.lockLevel >= level) return SQLITE_OK;
     if (level == SQLITE_LOCK_SHARED) return lockShared(file);
-    const bool begins = !writes(file);
-    if (begins) {
-        const int leased = takeLease(file.path);
-        if (leased != SQLITE_OK) return leased;
+    if (!writes(file)) {
+        const int begun = beginWriting(file, level);
+        if (begun != SQLITE_OK) return begun;
     }
     const int result = lockForWriting(file, level);
-    if (begins && !writes(file)) giveLease();
+    if (!writes(file)) endWriting(file);
     return result;
 }
 
@@ -107,7 +123,7 @@ int unlockFile(KemsdFile& file, int level)
         result = setLock(file, F_UNLCK, kAll);
     }
     if (result != SQLITE_OK) return result == SQLITE_BUSY ? SQLITE_IOERR_RDLOCK : result;
-    if (writes(file)) giveLease();
+    endWriting(file);
     file.lockLevel = level;
     return SQLITE_OK;
 }

@@ -7,8 +7,7 @@
 //     that is already longer is refused, and nothing is ever written at a position that was cut;
 //   - locks are those of every SQLite program (sqllock.cpp), so any of them may share a database with us;
 //   - a connection that is about to write holds a write lease until its transaction has ended (sqllease.cpp), so a
-//   write
-//     pause never finds a transaction half written, and readers do not notice it;
+//     write pause never finds a transaction half written, and readers do not notice it;
 //   - there is no shared memory between processes, so no write-ahead log.
 //
 // Any thread that has a ThreadContext may use it; the calls report into that thread's context.
@@ -37,6 +36,7 @@ struct KemsdFile {
     int handle;
     int lockLevel;      // SQLITE_LOCK_...
     bool syncDirectory; // a new journal: its name is not yet on the disk
+    bool leased;        // one of the uses of its thread's write lease is its
     char* path;         // null for an unnamed temporary file
 };
 
@@ -59,8 +59,18 @@ int checkReserved(KemsdFile& file, int* reserved);
 int takeLease(const char* path);
 void giveLease();
 bool holdsLease();
-// The calling thread, which has paused writing or is about to, is refused leases: it would wait for itself.
-void refuseLeases(bool refuse);
+
+// A thread that pauses writing would wait for itself if it took a lease.
+enum class LeaseMode {
+    usual,
+    reserving, // it has none: its connection gets the right to write, and makes no use of it
+    refused,
+};
+LeaseMode leaseMode();
+void setLeaseMode(LeaseMode mode);
+// Whether transactions of all threads that do not write yet find the database busy.
+void keepWritersBack(bool back);
+bool writersAreKeptBack();
 
 // A lease for one operation outside a transaction.
 class LeaseScope {

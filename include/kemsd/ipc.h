@@ -160,7 +160,8 @@ KEM_API KEM_STS_T KemPutSharedMemChunk(KEM_PSDCTX_T pSdCtx, OV_SHAREDMEM_SEG_T* 
 KEM_API KEM_STS_T KemWriteSharedMemChunk(KEM_PSDCTX_T pSdCtx, OV_SHAREDMEM_SEG_T* pShMem, KEM_LONG_T ChunkId,
                                          KEM_ULONG_T size, KEM_BOOL_T flush, KEM_BOOL_T bSplit, const char* buffer);
 
-/* Sends a code, not 0. What was gathered and not sent is lost to the reader. Failures as above. */
+/* Sends a code, not 0. What was gathered and not sent is lost to the reader. Failures as above; but a code that could
+ * not be sent because the buffer was refused fails the direction as well: the record keeps the code. */
 KEM_API KEM_STS_T KemWriteSharedMemChunkCode(KEM_PSDCTX_T pSdCtx, OV_SHAREDMEM_SEG_T* pShMem, KEM_LONG_T ChunkId,
                                              KEM_ULONG_T code);
 

@@ -226,7 +226,8 @@ KEM_API extern KEM_ULONG_T KEM_SDSYNC_CPUCOUNT;
  * SDSTS_INVALID_PARAM: limit is null. */
 KEM_API KEM_STS_T KemGetSpinUpperLimit(int64_t* limit);
 
-/* The bodies of the two measuring threads. The first starts the second and joins it. They return their status. */
+/* The bodies of the two measuring threads. The first starts the second and joins it. They return their status. One that
+ * fails closes the end that it writes and sets that to -1, so that the other one's read ends, too. */
 KEM_API KEM_STS_T ovSdSyncMeasureContextSwitch1(KemSyncEnvInitThrdArgs* args);
 KEM_API KEM_STS_T ovSdSyncMeasureContextSwitch2(KemSyncEnvInitThrdArgs* args);
 
@@ -437,7 +438,8 @@ KEM_API KEM_FUNC_M KemSdMutexRequest(KEM_PSDCTX_T pSdCtx, KEM_PMUTEXHDL_T phMute
 /* Gives it back. SDSTS_INVALID_PARAM: null. SDSTS_SEM_CLEAR: the system refused; osRetCode is its error number. */
 KEM_API KEM_FUNC_M KemSdMutexClear(KEM_PSDCTX_T pSdCtx, KEM_PMUTEXHDL_T phMutex);
 
-/* Ends it; it must not be null. SDSTS_MUTEX_CLOSE: the system refused, it is held; osRetCode is the error number. */
+/* Ends it. SDSTS_INVALID_PARAM: null. SDSTS_MUTEX_CLOSE: the system refused, it is held; osRetCode is its error number.
+ */
 KEM_API KEM_FUNC_M KemSdMutexClose(KEM_PSDCTX_T pSdCtx, KEM_PMUTEXHDL_T phMutex);
 
 /* The same four under names of their own, entering without time-out: SDSTS_CRITSEC_INIT, SDSTS_CRITSEC_ENTER and
@@ -478,7 +480,9 @@ KEM_API KEM_FUNC_M KemSdEventSignal(KEM_PSDCTX_T pSdCtx, KEM_PEVENTHDL_T phEvent
 KEM_API KEM_FUNC_M KemSdEventWait(KEM_PSDCTX_T pSdCtx, KEM_PEVENTHDL_T phEvent, KEM_LONG_T lTimeout);
 
 /* Waits until the event is clear and sets it: each clearing lets one caller pass. The time-out is coarse: up to the
- * whole second after lTimeout's whole seconds, 0 to 1 second longer than they say. Statuses as above. */
+ * whole second after lTimeout's whole seconds, 0 to 1 second longer than they say. Statuses as above. An event cleared
+ * as the time runs out stays clear for the next caller; KemSdEventSignal may have spent its one wake-up on the caller
+ * that gives up, so clear where waiters have time-outs. */
 KEM_API KEM_FUNC_M KemSdSignalWait(KEM_PSDCTX_T pSdCtx, KEM_PEVENTHDL_T phEvent, KEM_LONG_T lTimeout);
 
 /* Does nothing; 0. */

@@ -1,10 +1,10 @@
 // Mutexes, critical sections, events and counting semaphores, for threads of one process. Every object lies in the
-// caller's memory and is a thin cover of the C library's own; nothing is kept here. The calls vocabulary (request and
-// clear, open by name) is that of systems with named kernel objects: names and maxima are accepted and ignored.
+// caller's memory and is a thin cover of the C library's own; nothing is kept here. The calls' vocabulary
+// (request and clear, open by name) is that of systems with named kernel objects: names and maxima are ignored.
 //
 // An event's iReady is read and written only under the event's mutex, which is never held across anything but that
 // word, the condition's calls and a look at the clock. A mutex or semaphore asked for with a time-out is tried once a
-// second, and no lock of ours is held meanwhile.
+// second; nothing is held meanwhile.
 
 #include <pthread.h>
 #include <semaphore.h>
@@ -68,6 +68,8 @@ Outcome lockInAttempts(KEM_PSDCTX_T ctx, KEM_MUTEXHDL_T& mutex, int attempts)
     return fail(SDSTS_SEM_REQUEST, EBUSY);
 }
 
+// Here and below the ways that fail or take long stand apart: the straight way of a call is a few instructions around
+// those of the C library.
 [[gnu::noinline]] KEM_STS_T requestLimited(KEM_PSDCTX_T ctx, KEM_PMUTEXHDL_T phMutex, KEM_LONG_T milliseconds)
 {
     if (!phMutex) return finishInvalid(ctx);
@@ -130,7 +132,7 @@ timespec fineDeadlineIn(KEM_LONG_T milliseconds)
 // Deliberate: whole seconds and one more, so that the wait ends up to a second later than the time-out's whole seconds.
 timespec coarseDeadlineIn(KEM_LONG_T milliseconds) { return {time(nullptr) + milliseconds / 1000 + 1, 0}; }
 
-// All sleeping is done with the event's mutex held before and after.
+// All sleeping begins and ends with the event's mutex held.
 
 int sleepWhileSet(KEM_EVENTHDL_T& event)
 {
@@ -209,9 +211,8 @@ int requestWithoutLimit(KEM_CNTSEMHDL_T& semaphore)
 
 Outcome requestAtOnce(KEM_CNTSEMHDL_T& semaphore)
 {
-    int result;
-    do result = sem_trywait(&semaphore);
-    while (result != 0 && errno == EINTR);
+    int result = sem_trywait(&semaphore);
+    while (result != 0 && errno == EINTR) result = sem_trywait(&semaphore);
     if (result == 0) return ok();
     return fail(errno == EAGAIN ? SDSTS_CNTSEM_TIMEOUT : SDSTS_CNTSEM_REQUEST, result);
 }
@@ -273,6 +274,7 @@ KEM_FUNC_M KemSdMutexClear(KEM_PSDCTX_T pSdCtx, KEM_PMUTEXHDL_T phMutex)
 
 KEM_FUNC_M KemSdMutexClose(KEM_PSDCTX_T pSdCtx, KEM_PMUTEXHDL_T phMutex)
 {
+    if (!phMutex) return finishInvalid(pSdCtx);
     return finishResult(pSdCtx, pthread_mutex_destroy(phMutex), SDSTS_MUTEX_CLOSE);
 }
 

@@ -124,6 +124,8 @@ KEM_STS_T write(const Stream& stream, const char* bytes, uint32_t left, bool flu
 
 KEM_STS_T writeCode(const Stream& stream, uint32_t code)
 {
+    // Before the wait: a code that cannot be sent is lost, and so the direction has failed for good.
+    stream.record.hdr.code = code;
     const KEM_STS_T sts = holdBuffer(stream);
     return sts != 0 ? sts : send(stream, code);
 }

@@ -21,9 +21,11 @@ SqlServer::~SqlServer()
     for (const int id : seen_.sets) semctl(id, 0, IPC_RMID);
 }
 
-Background& SqlServer::serve()
+Background& SqlServer::serve(const std::vector<std::string>& options)
 {
-    server_ = std::make_unique<Background>(std::vector<std::string>{SQLHOST, "serve", directory()});
+    std::vector<std::string> program = {SQLHOST, "serve", directory()};
+    program.insert(program.end(), options.begin(), options.end());
+    server_ = std::make_unique<Background>(program);
     EXPECT_EQ(
         "serving " + fs::weakly_canonical(directory()).string() + ", process id " + std::to_string(server_->pid()),
         server_->line());

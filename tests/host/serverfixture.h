@@ -16,8 +16,8 @@ protected:
 
     std::string directory() const { return path("served"); }
 
-    // Starts a server and waits until it is ready.
-    Background& serve();
+    // Starts a server, with these options, and waits until it is ready.
+    Background& serve(const std::vector<std::string>& options = {});
     Background& server() { return *server_; }
     // Kills it, so that it cleans nothing up.
     void killServer();

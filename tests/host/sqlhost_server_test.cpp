@@ -135,6 +135,24 @@ TEST_F(SqlServer, DatabaseThatIsNoneEndsTheServer)
     EXPECT_THAT(names(), ElementsAre("clients.lock", "database.db+", "server.lock"));
 }
 
+TEST_F(SqlServer, MemoryLimitFailsTheStatementAndNotTheServer)
+{
+    serve({"--config", small()});
+    EXPECT_THAT(trySql({"SELECT length(hex(zeroblob(10000000)))"}), FailsSaying("out of memory"));
+    EXPECT_EQ("2000000", value("SELECT length(hex(zeroblob(1000000)))"));
+}
+
+TEST_F(SqlServer, RowsThatAreTooLongAreAnError)
+{
+    serve();
+    EXPECT_THAT(trySql({"SELECT zeroblob(67108865)"}), FailsSaying("string or blob too big"));
+    std::string columns = "x";
+    for (int i = 0; i < 13; ++i) columns += ",x";
+    EXPECT_THAT(trySql({"SELECT " + columns + " FROM (SELECT zeroblob(10000000) AS x)"}),
+                FailsSaying("a row may have at most 128 MiB"));
+    EXPECT_EQ("1", value("SELECT 1"));
+}
+
 // ---- Several clients ---------------------------------------------------------------------------------------------
 
 TEST_F(SqlServer, SixthClientOpensASecondSegment)

@@ -683,11 +683,20 @@ TEST_F(Chunk, RefusedRequestOfAWriterLeavesTheStreamAsItWas)
         EXPECT_THAT(reported(KemWriteSharedMemChunk, &client_, kSlot, 3u, TRUE, TRUE, "abc"),
                     Fails(SDSTS_CNTSEM_REQUEST, EACCES));
         expectIdle(writing(client_));
-        EXPECT_THAT(reported(KemWriteSharedMemChunkCode, &client_, kSlot, 5u), Fails(SDSTS_CNTSEM_REQUEST, EACCES));
-        expectIdle(writing(client_));
     }
     EXPECT_EQ(write(client_, "abc"), 0);
     EXPECT_EQ(read(server_, 3).bytes, "abc");
+}
+
+TEST_F(Chunk, RefusedRequestOfACodeFailsTheStreamForGood)
+{
+    {
+        Failing refused(Call::semop, EACCES);
+        EXPECT_THAT(reported(KemWriteSharedMemChunkCode, &client_, kSlot, 5u), Fails(SDSTS_CNTSEM_REQUEST, EACCES));
+    }
+    expectRecord(writing(client_), 5, 0, 0);
+    EXPECT_EQ(write(client_, "abc"), -1);
+    EXPECT_EQ(KemWriteSharedMemChunkCode(nullptr, &client_, kSlot, 5), -1);
 }
 
 TEST_F(Chunk, RefusedPostOfAWriterFailsTheStreamForGood)
@@ -818,7 +827,7 @@ TEST_F(Chunk, RequestsUseTheSegmentsTimeOutAndReportIt)
                 Fails(SDSTS_CNTSEM_TIMEOUT, EAGAIN));
     EXPECT_THAT(reported(KemReadSharedMemChunkCode, &client_, kSlot, nullptr), Fails(SDSTS_CNTSEM_TIMEOUT, EAGAIN));
     EXPECT_EQ(over.hits(), 4);
-    expectIdle(writing(client_));
+    expectRecord(writing(client_), 5, 0, 0); // the code that could not be sent
     expectIdle(reading(client_));
 }
 
@@ -912,6 +921,19 @@ TEST_F(Chunk, WritersHeaderComesFromItsOwnRecord)
 }
 
 // ---- Streams
+
+TEST_F(Chunk, MessageCostsTwoSemaphoreOperationsOnEachSide)
+{
+    resetCalls();
+    ASSERT_EQ(write(client_, "abc", false), 0);
+    EXPECT_EQ(calls(Call::semop), 1);
+    ASSERT_EQ(write(client_, "def", false), 0);
+    EXPECT_EQ(calls(Call::semop), 1);
+    ASSERT_EQ(write(client_, "ghi", true), 0);
+    EXPECT_EQ(calls(Call::semop), 2);
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(read(server_, 3).sts, 0);
+    EXPECT_EQ(calls(Call::semop), 4);
+}
 
 TEST_F(Chunk, BytesArriveInOrderWhateverTheirPieces)
 {

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "ipc/librarypeer.h"
+#include "support/child.h"
 #include "support/rawpeer.h"
 #include "support/tempdir.h"
 
@@ -307,6 +308,18 @@ TEST_P(WireOfASlot, CodeReadTakesDataForCode0)
     EXPECT_EQ(peer.values(), rawInitialValues());
     ASSERT_TRUE(peer.send(slot, {0, "fresh"}));
     EXPECT_EQ(library.taken(slot, 5), "fresh");
+}
+
+TEST_P(WireOfASlot, CodeReadDropsWhatIsUnreadAndWaitsForTheNextMessage)
+{
+    ASSERT_TRUE(peer.send(slot, {0, text(100)}));
+    EXPECT_EQ(library.taken(slot, 40), text(40));
+    Child sender([&] { return peer.send(slot, {9, ""}) ? 0 : 1; });
+    KEM_ULONG_T code = 77;
+    EXPECT_EQ(library.readCode(slot, code), 0);
+    EXPECT_EQ(code, 9u);
+    EXPECT_EQ(sender.ended().status, 0);
+    EXPECT_EQ(peer.values(), rawInitialValues());
 }
 
 TEST_P(WireOfASlot, StringsAreTakenOneByOneWithTheirEnds)

@@ -6,9 +6,11 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/ipc.h>
+#include <sys/prctl.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -62,24 +64,6 @@ void allowToRead(int set)
 }
 
 bool isGone() { return errno == EINVAL || errno == EIDRM; }
-
-// Looked at by the signal's handler too.
-volatile sig_atomic_t guardedSetKey = -1, guardedSegmentKey = -1;
-
-void removeGuarded()
-{
-    const int set = findSet(guardedSetKey, 0, 0);
-    if (set != -1) controlSet(set, 0, IPC_RMID);
-    const int segment = findSegment(guardedSegmentKey, 0, 0);
-    if (segment != -1) controlSegment(segment, IPC_RMID);
-}
-
-void endTheWaiting(int)
-{
-    const int error = errno;
-    removeGuarded();
-    errno = error;
-}
 
 } // namespace
 
@@ -213,27 +197,51 @@ unsigned RawPeer::permissions() const
 }
 
 RawLeftovers::RawLeftovers(const std::string& path)
+    : setKey_(ftok(path.c_str(), kSetLetter)), segmentKey_(ftok(path.c_str(), kSegmentLetter))
 {
-    guardedSetKey = ftok(path.c_str(), kSetLetter);
-    guardedSegmentKey = ftok(path.c_str(), kSegmentLetter);
-    EXPECT_NE(guardedSetKey, -1) << path << ": " << strerror(errno);
-    EXPECT_NE(guardedSegmentKey, -1) << path << ": " << strerror(errno);
-    removeGuarded();
-    struct sigaction action {};
-    action.sa_handler = endTheWaiting;
-    sigaction(SIGALRM, &action, nullptr);
-    alarm(kRawLimit);
+    EXPECT_NE(setKey_, -1) << path << ": " << strerror(errno);
+    EXPECT_NE(segmentKey_, -1) << path << ": " << strerror(errno);
+    remove();
+    const pid_t test = getpid();
+    heir_ = fork();
+    if (heir_ == 0) removeWhenDue(test);
+    EXPECT_NE(heir_, -1) << strerror(errno);
 }
 
 RawLeftovers::~RawLeftovers()
 {
-    alarm(0);
-    removeGuarded();
+    if (heir_ > 0) {
+        kill(heir_, SIGKILL);
+        while (waitpid(heir_, nullptr, 0) == -1 && errno == EINTR) {
+        }
+    }
+    remove();
 }
 
-int RawLeftovers::set() const { return findSet(guardedSetKey, 0, 0); }
+int RawLeftovers::set() const { return findSet(setKey_, 0, 0); }
 
-int RawLeftovers::segment() const { return findSegment(guardedSegmentKey, 0, 0); }
+int RawLeftovers::segment() const { return findSegment(segmentKey_, 0, 0); }
+
+void RawLeftovers::remove() const
+{
+    if (const int found = set(); found != -1) controlSet(found, 0, IPC_RMID);
+    if (const int found = segment(); found != -1) controlSegment(found, IPC_RMID);
+}
+
+// The heir's life: the death of the test sends it a signal.
+void RawLeftovers::removeWhenDue(pid_t test) const
+{
+    sigset_t death;
+    sigemptyset(&death);
+    sigaddset(&death, SIGTERM);
+    sigprocmask(SIG_BLOCK, &death, nullptr);
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    const timespec limit{kRawLimit, 0};
+    while (getppid() == test && sigtimedwait(&death, nullptr, &limit) == -1)
+        if (errno == EAGAIN) remove();
+    remove();
+    _exit(0);
+}
 
 bool rawSetIsGone(int set)
 {

@@ -120,9 +120,9 @@ private:
     char* base_ = nullptr;
 };
 
-// Removes whatever stands under a path's keys, before a test and after it. A test that still waits after kRawLimit
-// seconds loses its objects to the alarm signal, so that whoever waits is refused and the test ends. One at a time; the
-// file must outlive it.
+// Removes whatever stands under a path's keys, before a test and after it. A process of its own, forked when this is
+// made, does so when the test's process dies, and after kRawLimit seconds, so that whoever still waits is refused and
+// the test ends. To be made before any thread and any attachment; the file must outlive it.
 class RawLeftovers {
 public:
     explicit RawLeftovers(const std::string& path);
@@ -135,9 +135,16 @@ public:
     int segment() const;
     // True when neither does.
     bool none() const { return set() == -1 && segment() == -1; }
+
+private:
+    void remove() const;
+    [[noreturn]] void removeWhenDue(pid_t test) const;
+
+    key_t setKey_, segmentKey_;
+    pid_t heir_;
 };
 
-inline constexpr unsigned kRawLimit = 100;
+inline constexpr int kRawLimit = 100;
 
 // True when no object of that id exists.
 bool rawSetIsGone(int set);

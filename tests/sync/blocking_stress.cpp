@@ -217,7 +217,7 @@ struct Gate {
 } // namespace
 
 TEST(BlockingStress, EveryValueArrivesOnceThroughSemaphores) { everyValueArrivesOnce<Semaphore>(1000000); }
-TEST(BlockingStress, EveryValueArrivesOnceThroughPolledSemaphores) { everyValueArrivesOnce<PolledSemaphore>(1000000); }
+TEST(BlockingStress, EveryValueArrivesOnceThroughPolledSemaphores) { everyValueArrivesOnce<PolledSemaphore>(300000); }
 TEST(BlockingStress, EveryValueArrivesOnceThroughCountingEvents) { everyValueArrivesOnce<CountingEvent>(500000); }
 TEST(BlockingStress, EveryValueArrivesOnceThroughTimedCountingEvents)
 {

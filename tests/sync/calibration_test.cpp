@@ -21,6 +21,8 @@ using namespace kemsd::test;
 namespace {
 
 const int64_t boundBeforeMain = KEM_SDSYNC_BUSYSPIN_UPPERLIMIT;
+const int64_t conditionBeforeMain = KEM_SDSYNC_BUSYSPIN_TEST_COND;
+const KEM_ULONG_T processorsBeforeMain = KEM_SDSYNC_CPUCOUNT;
 
 constexpr int64_t kPreviousBound = 777;
 constexpr int64_t kUnwritten = -77001;
@@ -43,6 +45,7 @@ protected:
     void SetUp() override
     {
         KEM_SDSYNC_BUSYSPIN_UPPERLIMIT = kPreviousBound;
+        KEM_SDSYNC_BUSYSPIN_TEST_COND = 0;
         // The sanitizer's own thread starts with the first of ours.
         std::thread([] {}).join();
         descriptors = openDescriptors();
@@ -90,8 +93,8 @@ private:
 TEST_F(Calibration, BeforeItTheBoundIs20000AndNothingIsKnown)
 {
     EXPECT_EQ(boundBeforeMain, 20000);
-    EXPECT_EQ(KEM_SDSYNC_BUSYSPIN_TEST_COND, 0);
-    EXPECT_EQ(KEM_SDSYNC_CPUCOUNT, 0u);
+    EXPECT_EQ(conditionBeforeMain, 0);
+    EXPECT_EQ(processorsBeforeMain, 0u);
 }
 
 TEST_F(Calibration, StoresWhatItMeasures)

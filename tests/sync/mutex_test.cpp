@@ -102,6 +102,11 @@ TEST_F(Mutex, ClearGivesItBackAndReportsTheRefusal)
 
 // ---- Requests
 
+TEST_F(Mutex, CloseWithoutMutexIsInvalid)
+{
+    EXPECT_THAT(reported(KemSdMutexClose, nullptr), Fails(SDSTS_INVALID_PARAM));
+}
+
 TEST_F(Mutex, RequestWithoutMutexIsInvalid)
 {
     for (const KEM_LONG_T milliseconds : {-1, 0, 1000, -5})
@@ -279,6 +284,7 @@ TEST_F(Mutex, CriticalSectionThatIsNullIsInvalid)
     EXPECT_THAT(reported(KemSdCritSecInit, nullptr), Fails(SDSTS_INVALID_PARAM));
     EXPECT_THAT(reported(KemSdCritSecEnter, nullptr), Fails(SDSTS_INVALID_PARAM));
     EXPECT_THAT(reported(KemSdCritSecExit, nullptr), Fails(SDSTS_INVALID_PARAM));
+    EXPECT_THAT(reported(KemSdCritSecDelete, nullptr), Fails(SDSTS_INVALID_PARAM));
 }
 
 TEST_F(Mutex, CriticalSectionNeedsNoContext)

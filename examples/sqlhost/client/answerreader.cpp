@@ -8,8 +8,6 @@
 namespace sqlhost {
 namespace {
 
-constexpr uint32_t kLongestFrame = 1 << 28; // more than any row of the server
-
 [[noreturn]] void senseless() { throw Failure("the server's answer makes no sense"); }
 
 } // namespace

@@ -1,8 +1,10 @@
 // The copy is made by the client, so that the server serves on; the server only keeps everybody from writing. All that
-// need not happen meanwhile happens before or after: the standstill is as long as the copying takes.
+// need not happen meanwhile happens before or after. So the file is copied twice, the first time while others write:
+// what that is worth shows the second time, under the pause, when only those pieces are written that are not the same.
+// The standstill is as long as reading both takes.
 //
-// The database file alone is the copy. While the pause is in force the server holds a reader's lock on it, which cannot
-// be had as long as a journal has to be played back, so whatever journal lies beside the file, nothing of it is needed.
+// The database file alone is the copy. While the pause is in force the server holds the right to write, which cannot be
+// had as long as a journal has to be played back: nothing of what may lie beside the file is needed.
 #include <fcntl.h>
 #include <kemsd/file.h>
 
@@ -38,7 +40,7 @@ void requirePlace(const BackupOptions& options, const std::string& database)
             throw Failure(destination + suffix + " exists: it would be taken for a part of the copy");
 }
 
-// The database file, for reading from its beginning.
+// The database file.
 class Source {
 public:
     Source(KEM_PSDCTX_T context, const std::string& path) : context_(context), path_(path)
@@ -49,12 +51,14 @@ public:
     Source(const Source&) = delete;
     Source& operator=(const Source&) = delete;
 
-    // How many bytes there were, 0 at the end.
-    size_t read(char* buffer, size_t size)
+    // How many bytes there were at that place, 0 at the end.
+    size_t read(uint64_t place, char* buffer, size_t size)
     {
-        KEM_INT_T got = 0;
-        if (KemSdFileRead(context_, handle_, buffer, static_cast<KEM_UINT_T>(size), &got) != 0) fail("read");
-        return static_cast<size_t>(got);
+        KEM_UINT_T got = 0;
+        if (KemSdFilePRead(context_, handle_, buffer, static_cast<KEM_LONG_T>(place), static_cast<KEM_UINT_T>(size),
+                           &got) != 0)
+            fail("read");
+        return got;
     }
 
 private:
@@ -79,10 +83,11 @@ uint64_t copy(Source& source, PartFile& part)
 {
     const auto buffer = std::make_unique<char[]>(kPiece);
     uint64_t bytes = 0;
-    while (const size_t got = source.read(buffer.get(), kPiece)) {
-        part.write(buffer.get(), got);
+    while (const size_t got = source.read(bytes, buffer.get(), kPiece)) {
+        part.put(bytes, buffer.get(), got);
         bytes += got;
     }
+    part.cut(bytes);
     return bytes;
 }
 
@@ -111,6 +116,7 @@ void backUp(const BackupOptions& options)
     requirePlace(options, database);
     PartFile part(runtime.context(), options.destination);
     Source source(runtime.context(), database);
+    copy(source, part);
     pauseWriting(connection, options.seconds);
     const uint64_t bytes = copy(source, part);
     const uint64_t stood = resumeWriting(connection);

@@ -54,11 +54,11 @@ bool Door::hasEnded(KEM_PSDCTX_T context, const ServerIdentity& server) const
     return !serverLock_.isLocked(0) || ServerIdentity::fromNote(serverLock_.note(context)) != server;
 }
 
-// A server that ends takes its note away first, and keeps its lock to the last.
+// A server that ends says first that it is not ready any more, and keeps its lock to the last.
 bool Door::isGone(const ServerIdentity& server) const
 {
     const auto now = ServerIdentity::fromNote(serverLock_.note(context_));
-    return !serverLock_.isLocked(0) || (now && *now != server);
+    return !serverLock_.isLocked(0) || (now && !now->isSameProcess(server));
 }
 
 void Door::requireServer(const ServerIdentity& server) const

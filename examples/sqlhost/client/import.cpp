@@ -52,18 +52,23 @@ void sendRows(Connection& connection, FieldWriter& gathered, bool atEnd)
     gathered.add(kept);
 }
 
-uint64_t sendAll(Connection& connection, CsvRows& csv, Progress& progress)
+bool nextRow(CsvRows& csv)
+try {
+    return csv.next();
+} catch (const Failure& failure) {
+    throw Failure(std::string(failure.what()) + "; " + kNothing);
+}
+
+void sendAll(Connection& connection, CsvRows& csv, Progress& progress)
 {
     FieldWriter gathered;
-    uint64_t rows = 0;
-    for (; csv.next(); ++rows) {
+    while (nextRow(csv)) {
         addRow(gathered, csv);
         if (gathered.bytes().size() < kLongestRows) continue;
         sendRows(connection, gathered, false);
         progress.show(csv.position());
     }
     sendRows(connection, gathered, true);
-    return rows;
 }
 
 // The server's complaint about the import, in the words of the one about a local import.

@@ -42,7 +42,7 @@ PartFile::PartFile(KEM_PSDCTX_T context, const std::string& destination)
 {
     constexpr int kOwnerOnly = 0600;
     if (path_.size() >= sizeof doomed) throw Failure("the name is too long: " + destination);
-    if (KemSdFileOpenExclusiveMode(context_, path_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kOwnerOnly, &handle_) != 0)
+    if (KemSdFileOpenExclusiveMode(context_, path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kOwnerOnly, &handle_) != 0)
         fail("make");
     memcpy(doomed, path_.c_str(), path_.size() + 1);
     catchSignals();
@@ -60,10 +60,30 @@ void PartFile::fail(const char* what) const
     throw Failure(text("cannot %s %s: %s", what, path_.c_str(), strerror(context_->osRetCode)));
 }
 
-void PartFile::write(char* bytes, size_t count)
+bool PartFile::holds(uint64_t place, const char* bytes, size_t count)
 {
-    for (KEM_INT_T written = 0; count > 0; bytes += written, count -= static_cast<size_t>(written))
-        if (KemSdFileWrite(context_, handle_, bytes, static_cast<KEM_UINT_T>(count), &written) != 0) fail("write");
+    KEM_UINT_T got = 0;
+    there_.resize(count);
+    if (KemSdFilePRead(context_, handle_, there_.data(), static_cast<KEM_LONG_T>(place), static_cast<KEM_UINT_T>(count),
+                       &got) != 0)
+        fail("read");
+    return got == count && memcmp(there_.data(), bytes, count) == 0;
+}
+
+void PartFile::put(uint64_t place, char* bytes, size_t count)
+{
+    if (place + count > INT32_MAX) throw Failure("a file may have at most 2 GiB: " + destination_);
+    if (holds(place, bytes, count)) return;
+    for (KEM_UINT_T written = 0; count > 0; place += written, bytes += written, count -= written)
+        if (KemSdFilePWrite(context_, handle_, bytes, static_cast<KEM_LONG_T>(place), static_cast<KEM_UINT_T>(count),
+                            &written, nullptr) != 0)
+            fail("write");
+}
+
+void PartFile::cut(uint64_t length)
+{
+    KEM_LONG_T set = 0;
+    if (KemSdFileSetEndOfFile(context_, handle_, static_cast<KEM_LONG_T>(length), &set, nullptr) != 0) fail("cut");
 }
 
 void PartFile::complete(Existing existing)

@@ -16,13 +16,16 @@ public:
     PartFile(const PartFile&) = delete;
     PartFile& operator=(const PartFile&) = delete;
 
-    // Adds bytes. Throws Failure.
-    void write(char* bytes, size_t count);
+    // Makes the bytes at that place these; those that are there already are not written. Throws Failure.
+    void put(uint64_t place, char* bytes, size_t count);
+    // Ends the file there. Throws Failure.
+    void cut(uint64_t length);
     // Makes it durable and gives it its name; a file of that name is replaced or respected. Throws Failure.
     enum class Existing { replace, refuse };
     void complete(Existing existing);
 
 private:
+    bool holds(uint64_t place, const char* bytes, size_t count);
     void rename(Existing existing);
     void flushDirectory();
     [[noreturn]] void fail(const char* what) const;
@@ -31,6 +34,7 @@ private:
     const std::string destination_;
     const std::string path_;
     int handle_ = -1;
+    std::string there_; // what was read last
 };
 
 } // namespace sqlhost

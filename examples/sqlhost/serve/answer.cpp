@@ -32,6 +32,13 @@ void Answer::begin(char type)
     frame_[0] = type;
 }
 
+void Answer::add(const void* bytes, size_t count)
+{
+    if (count > kFrameHead + kLongestFrame - frame_.size())
+        throw Failure(text("a row may have at most %s", bytesText(kLongestFrame).c_str()));
+    frame_.append(static_cast<const char*>(bytes), count);
+}
+
 void Answer::addText(std::string_view text)
 {
     const uint32_t length = static_cast<uint32_t>(text.size());
@@ -41,7 +48,6 @@ void Answer::addText(std::string_view text)
 
 void Answer::sendFrame(bool flush)
 {
-    if (frame_.size() - kFrameHead > UINT32_MAX) throw Failure("a row is too long to be sent");
     const uint32_t length = static_cast<uint32_t>(frame_.size() - kFrameHead);
     memcpy(&frame_[1], &length, sizeof length);
     channel_.send(context_, frame_, flush);

@@ -25,7 +25,7 @@ public:
 
 private:
     void begin(char type);
-    void add(const void* bytes, size_t count) { frame_.append(static_cast<const char*>(bytes), count); }
+    void add(const void* bytes, size_t count);
     void addText(std::string_view text);
     void sendFrame(bool flush);
 

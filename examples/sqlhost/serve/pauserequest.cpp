@@ -10,7 +10,7 @@ void answerPause(Desk& desk, std::string_view limit, Answer& answer)
     FieldReader fields(limit, kSenseless);
     const uint32_t seconds = fields.number<uint32_t>();
     if (!fields.atEnd() || seconds == 0 || seconds > kLongestPause) throw Failure(kSenseless);
-    desk.belongings.pause.begin(desk.database, desk.clientPid, seconds);
+    desk.belongings.pause.begin(desk.database, desk.channel, desk.clientPid, seconds);
     answer.done(0);
 }
 

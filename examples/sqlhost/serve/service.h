@@ -45,7 +45,9 @@ private:
     void clearStale();
     void openDatabase();
     void openDoor();
-    void setNote(const std::string& note);
+    void writeNote();
+    void serveOnce();
+    void end();
     void wait();
     void letIn();
     Welcome receive(const Hello& hello);

@@ -76,6 +76,8 @@ bool Session::answerNext(KEM_PSDCTX_T context, std::optional<Database>& database
         answer.fail(kNoPlace, failure.what());
     } catch (const std::bad_alloc&) {
         answer.fail(kNoPlace, "the server is out of memory");
+    } catch (const std::exception& failure) {
+        answer.fail(kNoPlace, failure.what());
     }
     return true;
 }

@@ -56,7 +56,7 @@ void addLocks(Rows& rows)
 
 std::string pauseText(const WritePause::Shown& pause)
 {
-    return text("paused by client %lld for %s, at most %s", static_cast<long long>(pause.clientPid),
+    return text("paused by client %lld for %s of at most %s", static_cast<long long>(pause.clientPid),
                 durationText(pause.since.count()).c_str(), durationText(pause.limit.count()).c_str());
 }
 

@@ -13,17 +13,28 @@ namespace {
 constexpr int kMemoryId = 'w';
 constexpr int kSemaphoreId = 'x';
 
+constexpr size_t kSegmentBytes = 2 * SHMEM_SEG_SIZE * SHMEM_CHUNK_SIZE;
+constexpr int kMembers = 4 * SHMEM_SEG_SIZE + 1;
+
 union SemaphoreArgument {
     int value;
     struct semid_ds* status;
     unsigned short* values;
 };
 
-// Whether the segment is there and not this server's.
-bool isForeign(int segment, KEM_PROCID_T deadServer)
+bool isOurs(int segment, KEM_PROCID_T deadServer)
 {
     struct shmid_ds status;
-    return shmctl(segment, IPC_STAT, &status) == -1 || status.shm_cpid != deadServer;
+    return shmctl(segment, IPC_STAT, &status) == 0 && status.shm_cpid == deadServer &&
+           status.shm_segsz == kSegmentBytes;
+}
+
+// The set of that key, if it has as many members as ours: it need not let itself be read, but it is found by a count up
+// to its own and by none above.
+int setOfOurSize(KEM_IPCKEY_T key)
+{
+    const int set = semget(key, kMembers, 0);
+    return set != -1 && semget(key, kMembers + 1, 0) == -1 ? set : -1;
 }
 
 } // namespace
@@ -36,11 +47,11 @@ void removeStale(const std::string& keyFile, KEM_PROCID_T deadServer)
     if (KemSdSharedMemNameConvert(keyFile.c_str(), kMemoryId, &key) != 0) return;
     const int segment = shmget(key, 0, 0);
     if (segment != -1) {
-        if (isForeign(segment, deadServer)) return;
+        if (!isOurs(segment, deadServer)) return;
         shmctl(segment, IPC_RMID, nullptr);
     }
     if (KemSdSharedSemNameConvert(keyFile.c_str(), kSemaphoreId, &key) != 0) return;
-    const int set = semget(key, 0, 0);
+    const int set = setOfOurSize(key);
     if (set != -1) semctl(set, 0, IPC_RMID);
 }
 

@@ -5,12 +5,11 @@
 
 #include <mutex>
 
+#include "serve/guard.h"
 #include "sqlvfs.h"
 
 namespace sqlhost {
 namespace {
-
-constexpr char kRead[] = "SELECT count(*) FROM sqlite_schema";
 
 Failure refusal(KEM_STS_T status)
 {
@@ -19,21 +18,28 @@ Failure refusal(KEM_STS_T status)
     return Failure(text("writing cannot be paused (status %d)", status));
 }
 
+class KeepWritersBack {
+public:
+    KeepWritersBack() { keepWritersBack(true); }
+    ~KeepWritersBack() { keepWritersBack(false); }
+    KeepWritersBack(const KeepWritersBack&) = delete;
+    KeepWritersBack& operator=(const KeepWritersBack&) = delete;
+};
+
 } // namespace
 
 // A flag that is down under the lock while nobody makes a pause tells that the last one has ended, whoever ended it.
-void WritePause::begin(const PauseHold& hold, int64_t clientPid, uint32_t seconds)
+void WritePause::begin(const PauseHold& hold, const Channel& channel, int64_t clientPid, uint32_t seconds)
 {
     {
         const std::lock_guard locked(lock_);
         if (making_ || raised()) throw refusal(SDSTS_WRITEIO_PAUSED);
         making_ = true;
         holder_ = nullptr;
-        reader_.reset();
-        asked_ = Clock::now();
+        writer_.reset();
     }
     try {
-        make(seconds);
+        make(channel, seconds);
     } catch (...) {
         const std::lock_guard locked(lock_);
         making_ = false;
@@ -44,22 +50,23 @@ void WritePause::begin(const PauseHold& hold, int64_t clientPid, uint32_t second
     holder_ = &hold;
     clientPid_ = clientPid;
     seconds_ = seconds;
-    made_ = Clock::now();
 }
 
-// Nobody else uses the reader while a pause is being made.
-void WritePause::make(uint32_t seconds)
-{
+// Nobody else uses the connection while a pause is being made. Once it may write, only leases that lead to nothing are
+// out, and the pause does not wait for long.
+void WritePause::make(const Channel& channel, uint32_t seconds)
+try {
+    const KeepWritersBack back;
+    guard(writer_.emplace(path_, DatabaseMode::existing), channel);
+    setLeaseMode(LeaseMode::reserving);
+    writer_->run("BEGIN IMMEDIATE");
+    setLeaseMode(LeaseMode::refused);
+    stopped_ = Clock::now();
     const KEM_STS_T status = KemSdPauseWriteIO(&ThreadContext::current(), static_cast<KEM_TIME_T>(seconds));
     if (status != 0) throw refusal(status);
-    try {
-        reader_.emplace(path_, DatabaseMode::existing);
-        reader_->run(std::string("BEGIN; ") + kRead);
-    } catch (...) {
-        reader_.reset();
-        lower();
-        throw;
-    }
+} catch (...) {
+    writer_.reset();
+    throw;
 }
 
 void WritePause::lower() { KemSdUnpauseWriteIO(&ThreadContext::current()); }
@@ -69,19 +76,19 @@ std::optional<std::chrono::microseconds> WritePause::end(const PauseHold& hold)
     const std::lock_guard locked(lock_);
     if (holder_ != &hold) return std::nullopt;
     holder_ = nullptr;
-    reader_.reset();
+    writer_.reset();
     if (!raised()) return std::nullopt;
     lower();
-    return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - asked_);
+    return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - stopped_);
 }
 
 void WritePause::look()
 {
     const std::lock_guard locked(lock_);
-    if (!holder_ || !reader_) return;
-    const bool overdue = Clock::now() >= made_ + std::chrono::seconds(seconds_);
+    if (!holder_ || !writer_) return;
+    const bool overdue = Clock::now() >= stopped_ + std::chrono::seconds(seconds_);
     if (raised() && !overdue) return;
-    reader_.reset();
+    writer_.reset();
     if (raised()) lower();
 }
 
@@ -89,7 +96,7 @@ std::optional<WritePause::Shown> WritePause::shown()
 {
     const std::lock_guard locked(lock_);
     if (!holder_ || !raised()) return std::nullopt;
-    const auto since = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - asked_);
+    const auto since = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - stopped_);
     return Shown{clientPid_, since, std::chrono::seconds(seconds_)};
 }
 
@@ -99,20 +106,18 @@ PauseHold::~PauseHold()
 {
     if (!begun_) return;
     pause_.end(*this);
-    refuseLeases(false);
+    setLeaseMode(LeaseMode::usual);
 }
 
-// A read first undoes what a dead process has left half done, which during the pause nobody could. This thread would
-// wait for itself if it wrote.
-void PauseHold::begin(Database& database, int64_t clientPid, uint32_t seconds)
+// A read first undoes what a dead process has left half done, for which a lease is taken.
+void PauseHold::begin(Database& database, const Channel& channel, int64_t clientPid, uint32_t seconds)
 {
     if (begun_) throw Failure("this client has paused writing already");
-    database.run(kRead);
-    refuseLeases(true);
+    database.run("SELECT count(*) FROM sqlite_schema");
     try {
-        pause_.begin(*this, clientPid, seconds);
+        pause_.begin(*this, channel, clientPid, seconds);
     } catch (...) {
-        refuseLeases(false);
+        setLeaseMode(LeaseMode::usual);
         throw;
     }
     begun_ = true;
@@ -124,7 +129,7 @@ std::chrono::microseconds PauseHold::end()
     if (!begun_) throw Failure("this client has not paused writing");
     const auto stood = pause_.end(*this);
     begun_ = false;
-    refuseLeases(false);
+    setLeaseMode(LeaseMode::usual);
     if (!stood)
         throw Failure(text("the pause was ended before, at its limit of %s or with the server",
                            countedText(seconds_, "second").c_str()));

@@ -57,6 +57,8 @@ constexpr char kValueReal = 'F';
 constexpr char kValueText = 'T';
 constexpr char kValueBlob = 'B';
 
+constexpr uint32_t kLongestFrame = 1 << 27;
+
 // ---- Codes -------------------------------------------------------------------------------------------------------
 
 constexpr uint32_t kCodeEnd = 1;    // the answer has ended; or the request has, whose last message was full

@@ -30,11 +30,13 @@ struct ServerDirectory {
 // Which server it is. Another one has another identity, even if it has the same process id.
 struct ServerIdentity {
     KEM_PROCID_T pid = 0;
-    KEM_IPCKEY_T key = -1; // of its first segment; -1 while it starts
+    KEM_IPCKEY_T key = -1; // of its first segment; -1 while it starts, and once it ends
     uint64_t stamp = 0;    // microseconds since the epoch at its start
 
     bool ready() const { return key != -1; }
     bool operator==(const ServerIdentity&) const = default;
+    // The same server, starting, at work or ending.
+    bool isSameProcess(const ServerIdentity& other) const { return pid == other.pid && stamp == other.stamp; }
 
     // The note in serverLock: always of the same length, so that a new one covers the old.
     std::string note() const;
