@@ -120,10 +120,7 @@ protected:
     KEM_USHORT_T mode() { return KemSdModeRW(&owner, &mine, lock); }
     KEM_BOOL_T owned() { return KemSdOwnerRW(&owner, &mine, lock); }
 
-    State state() const
-    {
-        return State::of(*lock);
-    }
+    State state() const { return State::of(*lock); }
     bool comesTo(const State& expected) const
     {
         return eventually([&] { return state() == expected; });
