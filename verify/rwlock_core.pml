@@ -1,4 +1,4 @@
-/* The queued reader-writer lock, as inlines that carry the names of the steps in sd/sdrwlock.cpp. Included by the models
+/* The queued reader-writer lock, as inlines that carry the names of the steps in sd/sdrwlock. Included by the models
  * that use the lock. A statement is one access to shared memory; what the processor does in one step is atomic here, a
  * compare-exchange loop included, since its retries leave no trace.
  *
@@ -149,7 +149,7 @@ inline headQueue(writer) {
 #endif
 }
 
-inline queueWriter() {
+inline enterWrite() {
 	blocked[me] = 1;
 	atomic { qnext[me] = NIL; oth = wtail; wtail = me };
 	if
@@ -173,7 +173,7 @@ inline leaveWrite() {
 		:: old & WAITING -> old = 0; admitReaders(NIL)
 		:: else -> old = 0
 		fi;
-		atomic {                                      /* leaveQueue */
+		atomic {                                      /* leaveTail */
 			if
 			:: wtail == me -> wtail = NIL; res = 1
 			:: else -> res = 0
@@ -192,7 +192,7 @@ inline leaveWrite() {
 	oth = NIL
 }
 
-inline joinReaders() {
+inline enterRead() {
 	blocked[me] = 1;
 	atomic { oth = rhead; rhead = me; qnext[me] = oth };
 	if
@@ -211,7 +211,13 @@ inline joinReaders() {
 	oth = NIL
 }
 
-/* ---- The short ways; res: it was possible */
+inline letHeadWriterIn() {
+	oth = whead;
+	letIn(oth);
+	oth = NIL
+}
+
+/* ---- The short ways; res: that was all */
 
 inline enterReadAtOnce() {
 #ifdef LOOP
@@ -232,6 +238,12 @@ inline enterReadAtOnce() {
 			fi }
 	od
 #endif
+}
+
+inline leaveReadAtOnce() {
+	atomic { DRAINED; assert(word >= READER);
+		res = ((word & ~WAITING) != READER + WRITER_FLAGS);
+		word = word - READER }
 }
 
 inline enterWriteAtOnce() {
@@ -266,10 +278,10 @@ inline START_WRITE() {
 	enterWriteAtOnce();
 	if
 	:: res -> res = 0
-	:: else -> queueWriter()
+	:: else -> enterWrite()
 	fi
 #else
-	queueWriter()
+	enterWrite()
 #endif
 }
 
@@ -290,17 +302,17 @@ inline START_READ() {
 	enterReadAtOnce();
 	if
 	:: res -> res = 0
-	:: else -> joinReaders()
+	:: else -> enterRead()
 	fi
 #else
-	joinReaders()
+	enterRead()
 #endif
 }
 
 inline END_READ() {
-	atomic { DRAINED; old = word; assert(word >= READER); word = word - READER };
+	leaveReadAtOnce();
 	if
-	:: (old & ~WAITING) == READER + WRITER_FLAGS -> old = 0; oth = whead; letIn(oth); oth = NIL
-	:: else -> old = 0
+	:: res -> res = 0
+	:: else -> letHeadWriterIn()
 	fi
 }
