@@ -16,6 +16,7 @@
  *   LIFE     1: a thread that ends destroys its node; whoever touches it later is an error
  *            2: the same, the destroyer passing through the node's mutex first
  *   TWOSTEP  broken on purpose: QUEUED and CLAIM set one after the other
+ *   LOOSE    broken on purpose: a reader's short way looks, then counts
  *   LOOP     runs have no end: a compare-exchange loop is then let through at its first try
  */
 #define NIL     255
@@ -220,7 +221,12 @@ inline letHeadWriterIn() {
 /* ---- The short ways; res: that was all */
 
 inline enterReadAtOnce() {
-#ifdef LOOP
+#ifdef LOOSE
+	if
+	:: (word & FLAGS) == 0 -> atomic { word = word + READER; qnext[me] = NIL; res = 1 }
+	:: else -> res = 0
+	fi
+#elif defined(LOOP)
 	atomic {
 		if
 		:: (word & FLAGS) == 0 && rhead == NIL -> word = word + READER; qnext[me] = NIL; res = 1
