@@ -1,4 +1,4 @@
-/* The queued reader-writer lock, as inlines that carry the names of the steps in sd/sdrwlock.cpp. Included by the models
+/* The queued reader-writer lock, as inlines that carry the names of the steps in sd/sdrwlock. Included by the models
  * that use the lock. A statement is one access to shared memory; what the processor does in one step is atomic here, a
  * compare-exchange loop included, since its retries leave no trace.
  *
@@ -16,6 +16,7 @@
  *   LIFE     1: a thread that ends destroys its node; whoever touches it later is an error
  *            2: the same, the destroyer passing through the node's mutex first
  *   TWOSTEP  broken on purpose: QUEUED and CLAIM set one after the other
+ *   LOOSE    broken on purpose: a reader's short way looks, then counts
  *   LOOP     runs have no end: a compare-exchange loop is then let through at its first try
  */
 #define NIL     255
@@ -149,7 +150,7 @@ inline headQueue(writer) {
 #endif
 }
 
-inline queueWriter() {
+inline enterWrite() {
 	blocked[me] = 1;
 	atomic { qnext[me] = NIL; oth = wtail; wtail = me };
 	if
@@ -173,7 +174,7 @@ inline leaveWrite() {
 		:: old & WAITING -> old = 0; admitReaders(NIL)
 		:: else -> old = 0
 		fi;
-		atomic {                                      /* leaveQueue */
+		atomic {                                      /* leaveTail */
 			if
 			:: wtail == me -> wtail = NIL; res = 1
 			:: else -> res = 0
@@ -192,7 +193,7 @@ inline leaveWrite() {
 	oth = NIL
 }
 
-inline joinReaders() {
+inline enterRead() {
 	blocked[me] = 1;
 	atomic { oth = rhead; rhead = me; qnext[me] = oth };
 	if
@@ -211,10 +212,21 @@ inline joinReaders() {
 	oth = NIL
 }
 
-/* ---- The short ways; res: it was possible */
+inline letHeadWriterIn() {
+	oth = whead;
+	letIn(oth);
+	oth = NIL
+}
+
+/* ---- The short ways; res: that was all */
 
 inline enterReadAtOnce() {
-#ifdef LOOP
+#ifdef LOOSE
+	if
+	:: (word & FLAGS) == 0 -> atomic { word = word + READER; qnext[me] = NIL; res = 1 }
+	:: else -> res = 0
+	fi
+#elif defined(LOOP)
 	atomic {
 		if
 		:: (word & FLAGS) == 0 && rhead == NIL -> word = word + READER; qnext[me] = NIL; res = 1
@@ -232,6 +244,12 @@ inline enterReadAtOnce() {
 			fi }
 	od
 #endif
+}
+
+inline leaveReadAtOnce() {
+	atomic { DRAINED; assert(word >= READER);
+		res = ((word & ~WAITING) != READER + WRITER_FLAGS);
+		word = word - READER }
 }
 
 inline enterWriteAtOnce() {
@@ -266,10 +284,10 @@ inline START_WRITE() {
 	enterWriteAtOnce();
 	if
 	:: res -> res = 0
-	:: else -> queueWriter()
+	:: else -> enterWrite()
 	fi
 #else
-	queueWriter()
+	enterWrite()
 #endif
 }
 
@@ -290,17 +308,17 @@ inline START_READ() {
 	enterReadAtOnce();
 	if
 	:: res -> res = 0
-	:: else -> joinReaders()
+	:: else -> enterRead()
 	fi
 #else
-	joinReaders()
+	enterRead()
 #endif
 }
 
 inline END_READ() {
-	atomic { DRAINED; old = word; assert(word >= READER); word = word - READER };
+	leaveReadAtOnce();
 	if
-	:: (old & ~WAITING) == READER + WRITER_FLAGS -> old = 0; oth = whead; letIn(oth); oth = NIL
-	:: else -> old = 0
+	:: res -> res = 0
+	:: else -> letHeadWriterIn()
 	fi
 }

@@ -364,6 +364,7 @@ typedef struct KEM_RWLOCKQNODE_T {
     int64_t lCurrNumOfRdrSpinLoops, lCurrNumOfWrtrSpinLoops; /* kept, not consulted */
 } KEM_RWLOCKQNODE_T;
 
+/* In storage of the caller's. Writers come and go quicker where it lies on a boundary of 16 bytes. */
 typedef struct KEM_RWLOCK_T {
     KEM_RWLOCKQNODE_T* volatile pReaderHead; /* the last of the waiting readers; null when none waits */
     KEM_RWLOCKQNODE_T* volatile pWriterHead; /* the writer that the last reader to leave wakes */

@@ -14,8 +14,9 @@
 //   RWLOCK_READERS_WAITING  A batch waits. Set by its leader, the reader that found the stack empty. Whoever admits the
 //                           batch adds 4, which turns the flag into the leader's count.
 //
-// A waiter looks at `bBlocked` of its own node alone, and exactly one other thread clears it. The nodes' mutexes serve
-// sleeping and waking; a thread holds one at a time and takes nothing inside.
+// A waiter looks at `bBlocked` of its own node alone, and one thread clears it once: another, or the owner itself where
+// it finds its way free. The nodes' mutexes serve sleeping and waking; a thread holds one at a time and takes nothing
+// inside.
 //
 // Order: every change of the word, the stack and the tail is one sequentially consistent locked instruction. A node is
 // filled before the instruction that makes it known. What was done under the lock reaches the next thread inside
