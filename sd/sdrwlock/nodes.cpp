@@ -15,6 +15,7 @@
 namespace {
 
 using sd::loadRelaxed;
+using sd::storeRelaxed;
 using namespace sd::rwlock;
 
 constexpr const char* kSource = "sd/sdrwlock";
@@ -31,21 +32,23 @@ struct NodeLists {
 
 NodeLists& lists(void* of) { return *static_cast<NodeLists*>(of); }
 
+// Where the list begins on which the lock's nodes are.
+Node** listOf(const Lock& lock, void* of) { return &lists(of).first[lock.category]; }
+
 // The place that points at the lock's node, or the end of the list.
-Node** find(NodeLists& in, const Lock& lock)
+Node** find(const Lock& lock, Node** list)
 {
-    Node** place = &in.first[lock.category];
+    Node** place = list;
     while (*place && (*place)->pKey != &lock) place = &(*place)->pStrNext;
     return place;
 }
 
 void unlink(Node** place) { *place = (*place)->pStrNext; }
 
-void push(NodeLists& onto, const Lock& lock, Node& node)
+void push(Node& node, Node** list)
 {
-    Node*& first = onto.first[lock.category];
-    node.pStrNext = first;
-    first = &node;
+    node.pStrNext = *list;
+    *list = &node;
 }
 
 KEM_STS_T makeLists(void* owner, void** made)
@@ -92,7 +95,15 @@ KEM_STS_T makeNode(void* owner, Lock& lock, Node** made)
 // Null when the thread does not hold the lock.
 Node* heldNode(const KEM_SYNCCTX_T& context, const Lock& lock)
 {
-    return context.pUsed ? *find(lists(context.pUsed), lock) : nullptr;
+    return context.pUsed ? *find(lock, listOf(lock, context.pUsed)) : nullptr;
+}
+
+// One after the other: a single store of both would often cross a cache line, which takes longer than the whole
+// passage.
+void setModeAndDepth(Node& node, int64_t mode, int64_t depth)
+{
+    storeRelaxed(node.bMode, mode);
+    storeRelaxed(node.sCount, depth);
 }
 
 // The held node, or the cached one, which is then among the held ones; null when one has to be made.
@@ -100,14 +111,15 @@ Node* knownNode(KEM_SYNCCTX_T& context, const Lock& lock)
 {
     if (!context.pUsed) [[unlikely]]
         return nullptr;
-    if (Node* held = *find(lists(context.pUsed), lock)) return held;
+    Node** used = listOf(lock, context.pUsed);
+    if (Node* held = *find(lock, used)) return held;
     if (!context.pFree) [[unlikely]]
         return nullptr;
-    Node** place = find(lists(context.pFree), lock);
+    Node** place = find(lock, listOf(lock, context.pFree));
     Node* cached = *place;
     if (cached) [[likely]] {
         unlink(place);
-        push(lists(context.pUsed), lock, *cached);
+        push(*cached, used);
     }
     return cached;
 }
@@ -116,8 +128,7 @@ Node* knownNode(KEM_SYNCCTX_T& context, const Lock& lock)
 
 KEM_STS_T nowInside(Node& node, int64_t mode)
 {
-    node.bMode = mode;
-    node.sCount = 1;
+    setModeAndDepth(node, mode, 1);
     return 0;
 }
 
@@ -134,7 +145,7 @@ KEM_STS_T nowInside(Node& node, int64_t mode)
     return nowInside(node, kModeWrite);
 }
 
-KEM_STS_T startRead(Lock& lock, Node& node)
+[[gnu::always_inline]] inline KEM_STS_T startRead(Lock& lock, Node& node)
 {
     if (node.sCount != 0) {
         // Deliberate: a writer that asks to read stays a writer, one level deeper.
@@ -144,7 +155,7 @@ KEM_STS_T startRead(Lock& lock, Node& node)
     return enterReadAtOnce(lock, node) ? nowInside(node, kModeRead) : readByTheSteps(lock, node);
 }
 
-KEM_STS_T startWrite(Lock& lock, Node& node)
+[[gnu::always_inline]] inline KEM_STS_T startWrite(Lock& lock, Node& node)
 {
     if (node.sCount != 0) {
         // Deliberate: a reader cannot become a writer; two that tried would wait for each other.
@@ -167,7 +178,7 @@ KEM_STS_T startWrite(Lock& lock, Node& node)
             return sts;
         }
     }
-    push(lists(context.pUsed), lock, *node);
+    push(*node, listOf(lock, context.pUsed));
     return start(lock, *node);
 }
 
@@ -178,7 +189,7 @@ KEM_STS_T startWrite(Lock& lock, Node& node)
 {
     // Deliberate: without memory the node is on neither list; the lock is free all the same.
     if (const KEM_STS_T sts = makeLists(owner, &context.pFree)) return sts;
-    push(lists(context.pFree), lock, node);
+    push(node, listOf(lock, context.pFree));
     return 0;
 }
 
@@ -186,11 +197,10 @@ KEM_STS_T cacheNode(void* owner, KEM_SYNCCTX_T& context, const Lock& lock, Node*
 {
     Node& node = **place;
     unlink(place);
-    node.bMode = kModeNone;
-    node.sCount = 0;
+    setModeAndDepth(node, kModeNone, 0);
     if (!context.pFree) [[unlikely]]
         return cacheFirstNode(owner, context, lock, node);
-    push(lists(context.pFree), lock, node);
+    push(node, listOf(lock, context.pFree));
     return 0;
 }
 
@@ -247,7 +257,7 @@ KEM_STS_T KemSdEndRW(void* tctxp, KEM_SYNCCTX_T* pSyncCtx, void* pSem)
     if (!pSyncCtx || !pSem) return SDSTS_INVALID_PARAM;
     if (!pSyncCtx->pUsed) return SDSTS_SEM_CLEAR;
     auto& lock = *static_cast<Lock*>(pSem);
-    Node** place = find(lists(pSyncCtx->pUsed), lock);
+    Node** place = find(lock, listOf(lock, pSyncCtx->pUsed));
     Node* node = *place;
     if (!node || node->sCount < 1) return SDSTS_SEM_CLEAR;
     if (node->sCount > 1) {

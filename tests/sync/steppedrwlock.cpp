@@ -15,6 +15,9 @@ namespace kemsd::test {
 namespace {
 
 BeforeStep beforeStep = nullptr;
+bool shortWays = true;
+
+bool shortWaysTaken() { return __atomic_load_n(&shortWays, __ATOMIC_RELAXED); }
 
 // The word is handed through, so that it is named once.
 template <class Word>
@@ -25,6 +28,8 @@ Word* asked(Step step, Word* at)
 }
 
 } // namespace
+
+void takeShortWays(bool taken) { __atomic_store_n(&shortWays, taken, __ATOMIC_RELAXED); }
 
 void setBeforeStep(BeforeStep hook) { __atomic_store_n(&beforeStep, hook, __ATOMIC_RELEASE); }
 
@@ -59,6 +64,10 @@ static KEM_STS_T KemRWLockFreeQNodes(KEM_SYNCCTX_T*);
     __atomic_compare_exchange_n(kemsd::test::asked(kemsd::test::Step::swap, at), __VA_ARGS__)
 #define __atomic_fetch_add(at, ...) __atomic_fetch_add(kemsd::test::asked(kemsd::test::Step::add, at), __VA_ARGS__)
 
+#include "sd/sdrwlock/protocol.h"
+#define enterReadAtOnce(lock, node) (kemsd::test::shortWaysTaken() && enterReadAtOnce(lock, node))
+#define enterWriteAtOnce(lock, node) (kemsd::test::shortWaysTaken() && enterWriteAtOnce(lock, node))
+#define leaveWriteAtOnce(lock, node) (kemsd::test::shortWaysTaken() && leaveWriteAtOnce(lock, node))
 #include "sd/sdrwlock/nodes.cpp"
 #include "sd/sdrwlock/protocol.cpp"
 

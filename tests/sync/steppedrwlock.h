@@ -14,6 +14,9 @@ enum class Step { load, store, exchange, swap, add };
 using BeforeStep = void (*)(Step step, const volatile void* at);
 void setBeforeStep(BeforeStep hook);
 
+// Whether readers and writers try the short ways, as they do at first, or go by the steps alone.
+void takeShortWays(bool taken);
+
 extern const LockCalls kSteppedCalls;
 KEM_STS_T steppedInit(KEM_RWLOCK_T* lock, OV_BOOL_T toSleep);
 
