@@ -66,9 +66,8 @@ inline constexpr Target kTargets[] = {
     {"countingevent/pingpong", 1.05},
     {"cntsem/pingpong", 1.05},
 
-    // The chunk exchange between processes. A message of it takes four system calls, two of which copy nothing; pipes
-    // and
-    // the system's own queues take two.
+    // The chunk exchange between processes. A message of it takes four system calls, none of which copies anything;
+    // pipes and the system's own queues take two.
     {"pass/64B", 1.10},
     {"pass/2040B", 1.10},
     {"stream/2040B/1processor", 1.10},

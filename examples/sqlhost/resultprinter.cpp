@@ -38,11 +38,6 @@ void printField(const std::string& field, bool last)
     putchar(last ? '\n' : ',');
 }
 
-void flush()
-{
-    if (fflush(stdout) != 0) throw Failure("cannot write the result");
-}
-
 } // namespace
 
 void ResultPrinter::begin(const std::vector<std::string>& columns)
@@ -72,18 +67,20 @@ void ResultPrinter::add(const std::vector<Value>& row)
 
 void ResultPrinter::end()
 {
-    if (!asCsv_) {
-        table_->print();
-        table_.reset();
-        if (style_ == Style::answers) printf("(%s)\n", countedText(rows_, "row").c_str());
-    }
-    flush();
+    if (asCsv_) return;
+    table_->print();
+    table_.reset();
+    if (style_ == Style::answers) printf("(%s)\n", countedText(rows_, "row").c_str());
 }
 
 void ResultPrinter::changed(uint64_t rows)
 {
     if (rows > 0 && !asCsv_) printf("(%s changed)\n", countedText(rows, "row").c_str());
-    flush();
+}
+
+void ResultPrinter::flush()
+{
+    if (fflush(stdout) != 0) throw Failure("cannot write the result");
 }
 
 } // namespace sqlhost

@@ -22,6 +22,8 @@ public:
     void end();
     // What a statement without a result did.
     void changed(uint64_t rows);
+    // Lets go of what is printed. Throws Failure when it cannot be written.
+    void flush();
 
 private:
     bool asCsv_;

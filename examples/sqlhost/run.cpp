@@ -33,6 +33,7 @@ void runSql(Server& server, const std::string& path, const std::string& file, bo
             next = rest;
             Statement statement(database, next);
             if (statement) runStatement(database, statement, printer);
+            printer.flush();
         } catch (const Failure& failure) {
             fflush(stdout);
             const size_t place = placeOf(all, rest, sqlite3_error_offset(database));

@@ -21,6 +21,8 @@ char applicationName[] = "sqlhost"; // the library keeps the pointer
 
 // Step one: the process-wide switches and hooks, before anything is allocated. There is no failover lease to guard, and
 // nobody asks for lock statistics, so these two hooks stay unregistered.
+// A server has more threads than there are processors: the spinlocks that go to whoever comes are the ones for it.
+// Those by ticket hand the lock to the next in line even while that thread does not run, and all behind it wait.
 void setSwitches()
 {
     KemSdSetMemoryManager(TRUE);

@@ -1,6 +1,6 @@
 // SQLite asks for plain and for recursive mutexes, and has a dozen of its own that live as long as the engine. kemsd's
-// mutex is not recursive, so each here knows its owner and how deep the owner is in. Taking a free one costs two reads
-// and kemsd's call, going deeper one read and an addition.
+// mutex is not recursive, so each here knows its owner and how deep the owner is in. Taking a free one costs a read,
+// the thread's id and kemsd's call; going deeper costs no call of kemsd.
 //
 // The owner is read without the mutex: a thread finds its own id there only if it put it there itself.
 #include "sqlmutex.h"

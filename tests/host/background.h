@@ -19,6 +19,8 @@ public:
     Background& operator=(const Background&) = delete;
 
     pid_t pid() const { return pid_; }
+    // It has not been waited for.
+    bool stands() const { return pid_ > 0; }
     // Writes to its standard input.
     void say(const std::string& text);
     // Ends its standard input.

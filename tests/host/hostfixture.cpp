@@ -20,7 +20,9 @@ void addField(std::string& lines, const char* text, bool last)
 
 PlainDatabase::PlainDatabase(const std::string& path)
 {
+    constexpr int kPatience = 30000; // milliseconds, with a client of the server that holds a lock for a moment
     EXPECT_EQ(SQLITE_OK, sqlite3_open(path.c_str(), &handle_)) << path;
+    sqlite3_busy_timeout(handle_, kPatience);
 }
 
 void PlainDatabase::run(const std::string& sql)

@@ -11,7 +11,7 @@ namespace kemsd::test {
 
 class SqlServer : public SqlHost {
 protected:
-    // Removes what killed servers have left of shared memory and semaphores.
+    // Ends the server orderly, and removes what killed ones have left of shared memory and semaphores.
     ~SqlServer() override;
 
     std::string directory() const { return path("served"); }
@@ -21,8 +21,9 @@ protected:
     Background& server() { return *server_; }
     // Kills it, so that it cleans nothing up.
     void killServer();
-    // Ends it orderly; it must succeed with nothing on standard error.
+    // Ends it orderly; it must succeed with nothing on standard error, unless the test has provoked complaints.
     void stopServer();
+    void expectComplaints() { complaints_ = true; }
 
     // A client with this text, on arguments: it must succeed with nothing on standard error; what it printed, as CSV.
     std::string sql(const std::vector<std::string>& statements) const;
@@ -56,9 +57,11 @@ protected:
 
 private:
     void remember();
+    void expectOrderlyEnd();
 
     std::unique_ptr<Background> server_;
     Objects seen_; // those of servers that were killed
+    bool complaints_ = false;
 };
 
 } // namespace kemsd::test

@@ -138,6 +138,7 @@ TEST_F(SqlServer, DatabaseThatIsNoneEndsTheServer)
 TEST_F(SqlServer, MemoryLimitFailsTheStatementAndNotTheServer)
 {
     serve({"--config", small()});
+    expectComplaints();
     EXPECT_THAT(trySql({"SELECT length(hex(zeroblob(10000000)))"}), FailsSaying("out of memory"));
     EXPECT_EQ("2000000", value("SELECT length(hex(zeroblob(1000000)))"));
 }

@@ -403,9 +403,9 @@ public:
         present_ = this;
         struct sigaction action {};
         action.sa_flags = SA_SIGINFO;
-        action.sa_sigaction = [](int, siginfo_t* info, void* context) { present_->let(info, registers(context)); };
+        action.sa_sigaction = [](int, siginfo_t* info, void* context) { present_->let(info, flagsOf(context)); };
         sigaction(SIGSEGV, &action, &beforeFault_);
-        action.sa_sigaction = [](int, siginfo_t*, void* context) { present_->resume(registers(context)); };
+        action.sa_sigaction = [](int, siginfo_t*, void* context) { present_->resume(flagsOf(context)); };
         sigaction(SIGTRAP, &action, &beforeStep_);
         protect(PROT_NONE);
     }
@@ -424,7 +424,7 @@ public:
 private:
     static constexpr greg_t kSingleStep = 0x100;
 
-    static greg_t& registers(void* context) { return static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_EFL]; }
+    static greg_t& flagsOf(void* context) { return static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_EFL]; }
     void protect(int how) const { syscall(SYS_mprotect, page_, kPage, how); }
 
     void let(const siginfo_t* info, greg_t& flags)
@@ -469,9 +469,9 @@ TEST_P(HostilePeer, HeaderIsLookedAtOnce)
         {
             // Whoever looks again finds another message.
             const Watch watch(view.base(), half + kRawHeaderBytes, [](char* page) {
-                for (char* const header : {page, page + kRawBufferBytes}) {
-                    const Header other{header[0] ? 0u : 7u, 256};
-                    memcpy(header, &other, sizeof other);
+                for (char* const at : {page, page + kRawBufferBytes}) {
+                    const Header other{at[0] ? 0u : 7u, 256};
+                    memcpy(at, &other, sizeof other);
                 }
             });
             ASSERT_EQ(library.read(slot, 1, code, caller.end() - 1), 0);

@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <ostream>
 #include <string>
+#include <utility>
 
 namespace kemsd::test {
 

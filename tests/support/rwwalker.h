@@ -8,12 +8,38 @@
 #include <kemsd/sync.h>
 
 #include <algorithm>
+#include <ostream>
 #include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
 namespace kemsd::test {
+
+template <class Word>
+auto seen(const volatile Word& word)
+{
+    return __atomic_load_n(&word, __ATOMIC_ACQUIRE);
+}
+
+// What can be seen of a lock at any time.
+struct RwState {
+    int64_t word;
+    const KEM_RWLOCKQNODE_T* readerHead;
+    const KEM_RWLOCKQNODE_T* writerHead;
+    const KEM_RWLOCKQNODE_T* writerTail;
+
+    static RwState of(const KEM_RWLOCK_T& lock)
+    {
+        return {seen(lock.lRdrCntAndFlags), seen(lock.pReaderHead), seen(lock.pWriterHead), seen(lock.pWriterTail)};
+    }
+    friend bool operator==(const RwState& a, const RwState& b) = default;
+    friend std::ostream& operator<<(std::ostream& out, const RwState& s)
+    {
+        return out << "word " << s.word << ", readers " << s.readerHead << ", head " << s.writerHead << ", tail "
+                   << s.writerTail;
+    }
+};
 
 class RwWalk {
 public:
@@ -35,11 +61,6 @@ private:
 
     static constexpr size_t kMostNodes = 10000; // of a list; more is a circle
 
-    template <class Word>
-    static Word seen(const volatile Word& word)
-    {
-        return __atomic_load_n(&word, __ATOMIC_ACQUIRE);
-    }
     void check(bool holds, const char* rule)
     {
         if (!holds) faults_ << rule << "\n";

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <kemsd/sync.h>
 
-#include <ostream>
 #include <vector>
 
 #include "support/failingcalls.h"
@@ -16,12 +15,6 @@ using namespace kemsd::test;
 namespace {
 
 using Node = KEM_RWLOCKQNODE_T;
-
-template <class Word>
-auto seen(const volatile Word& word)
-{
-    return __atomic_load_n(&word, __ATOMIC_ACQUIRE);
-}
 
 // Stops a visitor before steps of its next errand.
 class Stops {
@@ -81,24 +74,7 @@ private:
     Signal state_;
 };
 
-// What readers of a lock see of it.
-struct State {
-    int64_t word;
-    const Node* readerHead;
-    const Node* writerHead;
-    const Node* writerTail;
-
-    friend bool operator==(const State& a, const State& b)
-    {
-        return a.word == b.word && a.readerHead == b.readerHead && a.writerHead == b.writerHead &&
-               a.writerTail == b.writerTail;
-    }
-    friend std::ostream& operator<<(std::ostream& out, const State& s)
-    {
-        return out << "word " << s.word << ", readers " << s.readerHead << ", head " << s.writerHead << ", tail "
-                   << s.writerTail;
-    }
-};
+using State = RwState;
 
 class RWLockSteps : public testing::TestWithParam<size_t> {
 protected:
@@ -118,10 +94,7 @@ protected:
     }
     static void setBound(int64_t bound) { __atomic_store_n(&KEM_SDSYNC_BUSYSPIN_UPPERLIMIT, bound, __ATOMIC_SEQ_CST); }
 
-    State state() const
-    {
-        return {seen(lock.lRdrCntAndFlags), seen(lock.pReaderHead), seen(lock.pWriterHead), seen(lock.pWriterTail)};
-    }
+    State state() const { return State::of(lock); }
     bool comesTo(const State& expected) const
     {
         return eventually([&] { return state() == expected; });

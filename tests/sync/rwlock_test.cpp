@@ -5,7 +5,6 @@
 #include <array>
 #include <cstring>
 #include <memory>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -63,30 +62,7 @@ constexpr size_t kListsSize = sizeof(Heads);
 
 int owner; // stands for a thread context: its address alone is used
 
-// What can be seen of a lock at any time.
-struct State {
-    int64_t word;
-    const Node* readerHead;
-    const Node* writerHead;
-    const Node* writerTail;
-
-    friend bool operator==(const State& a, const State& b)
-    {
-        return a.word == b.word && a.readerHead == b.readerHead && a.writerHead == b.writerHead &&
-               a.writerTail == b.writerTail;
-    }
-    friend std::ostream& operator<<(std::ostream& out, const State& s)
-    {
-        return out << "word " << s.word << ", readers " << s.readerHead << ", head " << s.writerHead << ", tail "
-                   << s.writerTail;
-    }
-};
-
-template <class Word>
-auto seen(const volatile Word& word)
-{
-    return __atomic_load_n(&word, __ATOMIC_ACQUIRE);
-}
+using State = RwState;
 
 Heads headsOf(const void* lists)
 {
@@ -144,10 +120,7 @@ protected:
     KEM_USHORT_T mode() { return KemSdModeRW(&owner, &mine, lock); }
     KEM_BOOL_T owned() { return KemSdOwnerRW(&owner, &mine, lock); }
 
-    State state() const
-    {
-        return {seen(lock->lRdrCntAndFlags), seen(lock->pReaderHead), seen(lock->pWriterHead), seen(lock->pWriterTail)};
-    }
+    State state() const { return State::of(*lock); }
     bool comesTo(const State& expected) const
     {
         return eventually([&] { return state() == expected; });

@@ -46,7 +46,8 @@ std::vector<Value> rowOf(FieldReader fields, size_t columns)
     throw ServerError(place, std::string(fields.rest()));
 }
 
-// After an error frame nothing but the code comes, which is taken before the error is told.
+// After an error frame nothing but the code comes, which is taken before the error is told. The last line of a result
+// is let go of when the code has come: who sees it knows that the server has no more to do with this request.
 void printAnswer(AnswerReader& answer, ResultPrinter& printer)
 {
     std::string error;
@@ -67,6 +68,7 @@ void printAnswer(AnswerReader& answer, ResultPrinter& printer)
         }
     }
     if (!error.empty()) raise(FieldReader(error));
+    printer.flush();
 }
 
 uint64_t numberOf(AnswerReader& answer)
