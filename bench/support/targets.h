@@ -79,7 +79,7 @@ inline constexpr Target kTargets[] = {
     {"read/uncontended", 0.70, 1.30, "pthread_rwlock"},
     {"write/uncontended", 0.70, 1.30, "pthread_rwlock"},
     {"mix-95-5/2threads", 0.75},
-    {"writer/2readers", 1.30},
+    {"writer/readers", 1.30},
 
     // Files: the floor is the system call itself.
     {"pread/8KiB", 1.05},
