@@ -70,12 +70,12 @@ KEM_API void KemSdSetMemProtectCfg(KEM_BOOL_T bMemProtect);
 KEM_API void KemSdSetFailoverModeFlag(KEM_BOOL_T bIsFailoverMode);
 KEM_API KEM_BOOL_T KemSdIsFailoverMode(void);
 
-/* How whole-file locks behave. Initially ADVISORY. */
+/* How whole-file locks behave (file.h). Initially ADVISORY. */
 typedef enum KEM_File_Locking_Mode {
-    KEM_FILE_LOCKING_MANDATORY = 0,
-    KEM_FILE_LOCKING_ADVISORY = 1,
-    KEM_FILE_LOCKING_NONE = 2,
-    KEM_FILE_LOCKING_NOTSET = 3
+    KEM_FILE_LOCK_MANDATORY = 0,
+    KEM_FILE_LOCK_ADVISORY = 1,
+    KEM_FILE_LOCK_NONE = 2,
+    KEM_FILE_LOCK_NOTSET = 3
 } KEM_File_Locking_Mode;
 KEM_API void KemSdSetFileLockingMode(KEM_File_Locking_Mode mode);
 

@@ -1,8 +1,10 @@
-/* Files: descriptors opened, read, written, positioned and closed with the status convention of context.h; leased
- * writes and the pause that stops them all. */
+/* Files with the status convention of context.h: descriptors opened, read, written, positioned and closed; whole-file
+ * locks; search, directories, links and temporary names; files read and written through a mapping; block files, waiting
+ * or not; leased writes and the pause that stops them all. */
 #ifndef KEMSD_FILE_H
 #define KEMSD_FILE_H
 
+#include <aio.h>
 #include <dirent.h>
 #include <kemsd/context.h>
 #include <kemsd/sync.h>
@@ -145,10 +147,80 @@ KEM_API KEM_FUNC_M KemSdIsNoWaitIO(KEM_PSDCTX_T pSdCtx, KEM_PPVOID_T ppOSVersion
 KEM_API KEM_FUNC_M KemSdFileCloseAllFrom(KEM_PSDCTX_T pSdCtx, KEM_FILEHDL_T hFile);
 KEM_API KEM_FUNC_M KemSdFileCloseAllButNoStd(KEM_PSDCTX_T pSdCtx);
 
-/* ---- File search ------------------------------------------------------------------------------------------------ */
+/* ---- File locks -------------------------------------------------------------------------------------------------
+ * One record lock over the whole of a file, however far it grows, taken without waiting. The mode of the process
+ * (KemSdSetFileLockingMode) says what stands behind it:
+ *
+ *     KEM_FILE_LOCK_MANDATORY     the file is marked first, so that the kernel enforces the lock on every read and
+ * write KEM_FILE_LOCK_ADVISORY      a plain record lock; KEM_FILE_LOCK_NOTSET is the same KEM_FILE_LOCK_NONE nothing:
+ * both calls run the lease guard and succeed
+ *
+ * In failover mode they do the same as in NONE: there the lease takes the place of the lock. Example:
+ *
+ *     if (KemSdFileLock(ctx, file, 1) != 0) {          // 0: shared, anything else: exclusive
+ *         KEM_ULONG_T pid = 0;
+ *         char name[64] = "";
+ *         ... KemSdFileLockProcInfo(ctx, file, &pid, name, ...) ...    who holds it
+ *     }
+ *
+ * The lock belongs to the process: its threads never exclude each other, closing any descriptor of the file drops it,
+ * and a child does not inherit it. Refusals are reported at once; trying again is the caller's decision. osRetCode is
+ * errno after a failure, else 0. Any thread may call. */
+
+/* Takes the lock, shared when mode is 0, else exclusive; a held lock is changed to that kind. In MANDATORY mode a file
+ * that does not carry the mark gets it: the set-group-ID bit on, group-execute off. The mark stays.
+ * SDSTS_FILE_LOCK: another process holds a lock in the way (errno EACCES or EAGAIN), the descriptor does not allow the
+ * kind of lock, or the file could not be marked. */
+KEM_API KEM_FUNC_M KemSdFileLock(KEM_PSDCTX_T pSdCtx, KEM_FILEHDL_T hdlFile, KEM_USHORT_T mode);
+
+/* Gives the lock back; without one it changes nothing. SDSTS_FILE_UNLOCK: the system refused. */
+KEM_API KEM_FUNC_M KemSdFileUnlock(KEM_PSDCTX_T pSdCtx, KEM_FILEHDL_T hdlFile);
+
+/* Names the process whose lock is in the way of an exclusive one, by the process table: its id, its command name in
+ * parentheses, the letter of its state, its parent's id and its process group. *pid is 0 when no lock is in the way;
+ * the others are then left alone, and also where the process cannot be looked at any more. The caller's buffer must
+ * hold any command name, which the system cuts to 15 characters, with parentheses and a NUL (18 bytes; a kernel
+ * thread's may be longer). White space in a name ends the field there, and what follows is misread. Not guarded.
+ * SDSTS_INVALID_PARAM: a null output. SDSTS_FILE_LOCK: the locks could not be asked for. */
+KEM_API KEM_FUNC_M KemSdFileLockProcInfo(KEM_PSDCTX_T pSdCtx, KEM_FILEHDL_T hdlFile, KEM_PULONG_T pid,
+                                         KEM_PUCHAR_T processname, KEM_PUCHAR_T proc_stat, KEM_PULONG_T proc_parentid,
+                                         KEM_PULONG_T proc_groupid);
+
+/* Bits of the word that KemSdFileGetStatus changes; the caller's other bits are kept. */
+#define KEM_FILE_STATUS_PENDING 0x1  /* set first, cleared when an answer was found */
+#define KEM_FILE_STATUS_IN_USE 0x2   /* a process holds the file open */
+#define KEM_FILE_STATUS_FREE 0x4     /* no process does */
+#define KEM_FILE_STATUS_ABSENT 0x8   /* the file does not exist; PENDING stays set */
+#define KEM_FILE_STATUS_UNKNOWN 0x10 /* it cannot be read, or there was no answer */
+
+/* Whether any process of the machine holds the file open. Asks the system's fuser command, which must be on the search
+ * path and sees what this process's user may see, through a shell and a temporary file; so it takes milliseconds.
+ * A name of letters, digits and "_./+,:@%=-" goes into the command as it is, any other is quoted. Guarded.
+ * SDSTS_INVALID_PARAM: a null pointer. SDSTS_FILE_STATUS, with UNKNOWN: a name that begins with "-", a name or a
+ * temporary name that does not fit (osRetCode ENAMETOOLONG), no temporary file, no shell (errno), or no usable answer,
+ * as from a machine without that command. */
+KEM_API KEM_FUNC_M KemSdFileGetStatus(KEM_PSDCTX_T pSdCtx, KEM_STR_T pszFileName, KEM_PBIT32_T pbt32Status);
+
+/* ---- File search ------------------------------------------------------------------------------------------------
+ * A search walks one directory for the names that a shell pattern matches. The search text is a directory and a pattern
+ * ("data/" and "page?.ind"; without a "/" the directory is "./"). Names that begin with "." are never found. Example:
+ *
+ *     KEM_FILEFINDINFO_T found;
+ *     KEM_STS_T sts = KemSdFileFindFirst(ctx, "data/page?.ind", 0, &found);
+ *     if (sts == 0) {
+ *         for (; sts == 0; sts = KemSdFileFindNext(ctx, &found)) use(found.szDirectory, found.pszFileName);
+ *         KemSdFileFindClose(ctx, &found);
+ *     }
+ *
+ * A search record belongs to one thread; any number of searches may walk one directory. What comes and goes in it
+ * meanwhile is found or not. osRetCode is errno after a failure, else 0, where an entry does not say otherwise. */
 
 #define KEM_FILEPATTERN_MAX 121
 #define KEM_FILEPATH_MAX 1029
+
+/* File attributes of a match. */
+#define KEM_FILEATTR_DIRECTORY 0x4000
+#define KEM_FILEATTR_FILE 0x8000
 
 /* The state of a search, owned by the caller. */
 typedef struct KEM_FILEFINDINFO_T {
@@ -157,13 +229,322 @@ typedef struct KEM_FILEFINDINFO_T {
     struct dirent findInfo;                  /* buffer of the entry reader */
     char szFilePattern[KEM_FILEPATTERN_MAX]; /* pattern part of the search text */
     char szDirectory[KEM_FILEPATH_MAX];      /* directory part, ending with a slash */
-    char szTmp[KEM_FILEPATTERN_MAX];         /* the current match's name */
-    char* pszFileName;                       /* points at szTmp after a match */
-    KEM_ULONGLONG_T ulFileAttr;              /* 0x4000 for a directory, 0x8000 for anything else */
-    KEM_ULONGLONG_T ulFindAttr;              /* the caller's attribute filter; stored, not applied */
-    KEM_ULONGLONG_T fileSize;                /* bytes of a matched non-directory */
-    time_t createTime;                       /* last modification of a matched non-directory */
+    char szTmp[KEM_FILEPATTERN_MAX];         /* the current match's name, of a longer one its first 120 characters */
+    char* pszFileName;          /* after a match the whole name: szTmp, or findInfo.d_name if that is longer */
+    KEM_ULONGLONG_T ulFileAttr; /* 0x4000 for a directory, 0x8000 for anything else */
+    KEM_ULONGLONG_T ulFindAttr; /* the caller's attribute filter; stored, not applied */
+    KEM_ULONGLONG_T fileSize;   /* bytes of a matched non-directory */
+    time_t createTime;          /* last modification of a matched non-directory */
 } KEM_FILEFINDINFO_T, *KEM_PFILEFINDINFO_T;
+
+/* Starts a search: opens the directory of the search text and finds the first match. The record needs no preparation;
+ * only a success leaves a stream to close. Guarded.
+ * SDSTS_INVALID_PARAM: a null pointer. SDSTS_FILE_NOT_FOUND: nothing matches. SDSTS_FILE_FIND: the directory cannot be
+ * opened or a match cannot be looked at (errno), or a part of the text is longer than its field (ENAMETOOLONG). */
+KEM_API KEM_FUNC_M KemSdFileFindFirst(KEM_PSDCTX_T pSdCtx, const char* pszFilePattern, KEM_ULONG_T ulAttr,
+                                      KEM_PFILEFINDINFO_T pFileFindInfo);
+
+/* Goes on to the next match. The stream stays open whatever the result. Guarded.
+ * SDSTS_INVALID_PARAM: the record is null or no search runs in it. SDSTS_FILE_NO_MORE: there is none; osRetCode is the
+ * reader's result. SDSTS_FILE_FIND_NEXT: it could not be looked at. */
+KEM_API KEM_FUNC_M KemSdFileFindNext(KEM_PSDCTX_T pSdCtx, KEM_PFILEFINDINFO_T pFileFindInfo);
+
+/* Ends the search. Not guarded. SDSTS_INVALID_PARAM: null. SDSTS_FILE_FIND_CLOSE: no search runs (osRetCode is EFAULT)
+ * or the stream could not be closed (errno). */
+KEM_API KEM_FUNC_M KemSdFileFindClose(KEM_PSDCTX_T pSdCtx, KEM_PFILEFINDINFO_T pFileFindInfo);
+
+/* What FindFirst and FindNext do inside: the next name of the record's open stream that its pattern matches, or equals,
+ * with attributes, size and time; symbolic links are followed. Guarded. SDSTS_INVALID_PARAM: the record or its stream
+ * is null. SDSTS_FILE_NO_MATCH: the stream is at its end, or failed; osRetCode is the reader's result.
+ * SDSTS_FILE_MATCH_STAT with errno: the match cannot be looked at, as a link that leads nowhere; the next call goes on
+ * behind it. */
+KEM_API KEM_FUNC_M KemSdFileMatch(KEM_PSDCTX_T pSdCtx, KEM_PFILEFINDINFO_T pFileFindInfo);
+
+/* Collects the paths (directory part and name) of all matches. *paszFilePaths becomes an array of *puNumFound paths,
+ * owned by pUniqueAddress as in ovMalloc, for KemSdFileFreeNames. szParentPath is ignored: the directory stands in
+ * szFileSpec. Nothing found, a directory that cannot be opened or read, and a search text that does not fit are
+ * successes with no paths or those found so far. A match that cannot be looked at ends the collection with its status.
+ * SDSTS_INVALID_PARAM: szFileSpec or an output is null. Otherwise the status of a failed allocation or match; both
+ * outputs are then zero. */
+KEM_API KEM_FUNC_M KemSdFileFind(void* pUniqueAddress, KEM_PSDCTX_T pSdCtx, const char* szParentPath,
+                                 const char* szFileSpec, KEM_ULONG_T uFileAttrs, KEM_STR_T** paszFilePaths,
+                                 KEM_PUINT_T puNumFound);
+KEM_API void KemSdFileFreeNames(void* pUniqueAddress, KEM_STR_T* aszFileNames, KEM_UINT_T uNumNames);
+
+/* A list of found files; the head is the caller's, the others come from ovMalloc. */
+typedef struct _fileList {
+    char name[KEM_FILEPATH_MAX];
+    KEM_TIME_T creationTime; /* last modification */
+    KEM_LONG_T fileSize;     /* bytes, low 32 bits */
+    struct _fileList* next;
+} KEM_FILE_LIST, *KEM_PFILE_LIST;
+
+/* Copies the current match of a search into the list: with bAlloc into a new node, which becomes fileList's next in
+ * place of whatever followed (so fileList is the list's tail), else into fileList itself, whose next becomes null.
+ * Returns 0, or 1: a null pointer, a record without a match, no memory. */
+KEM_API int KemSdAddFileListItem(KEM_PFILE_LIST fileList, KEM_PFILEFINDINFO_T fileinfo, KEM_BOOL_T bAlloc);
+/* Frees all nodes behind fileList, which stays; null does nothing. Always 0. */
+KEM_API int KemSdDeleteFileListItems(KEM_PFILE_LIST fileList);
+
+/* The server layer's search record. hdir, directory (with its "/") and filePattern are the caller's. */
+typedef struct OV_FINDINFO_T {
+    DIR* hdir;
+    uint16_t searchCnt; /* unused */
+    char filePattern[KEM_FILEPATTERN_MAX];
+    char directory[KEM_FILEPATH_MAX];
+    char* fname;             /* the match's name, valid until the next call */
+    OV_ULONGLONG_T fattr;    /* 0x4000 for a directory, 0x8000 for anything else */
+    OV_ULONGLONG_T findAttr; /* unused */
+} OV_FINDINFO_T;
+
+/* Finds the next name of the record's stream that its own filePattern matches; filepattern and directory are ignored.
+ * Guarded. 0, -1 at the end of the directory or when the record or its stream is null, SDSTS_NMPIPE_FAILED when the
+ * match could not be looked at. */
+KEM_API OV_STS_T ovMatchFile(OV_FINDINFO_T* pFindInfo, const char* filepattern, const char* directory);
+
+/* ---- Directories, links and names -------------------------------------------------------------------------------
+ * Stateless; any thread may call. osRetCode is errno after a failure, else 0, where an entry does not say otherwise. */
+
+/* Makes a directory, open to all that the umask leaves. Guarded. SDSTS_INVALID_PARAM: null. SDSTS_DIR_CREATE: refused,
+ * also when it exists. */
+KEM_API KEM_FUNC_M KemSdDirCreate(KEM_PSDCTX_T pSdCtx, const char* pszDirName);
+/* The same, but what exists already, of whatever kind, is a success. */
+KEM_API KEM_FUNC_M KemSdDirCreateEx(KEM_PSDCTX_T pSdCtx, const char* path);
+/* Makes every directory that is missing along the path. The first failure of KemSdDirCreateEx; or 1, no status and not
+ * stored in the context, for a null path and one longer than 1029 characters. */
+KEM_API KEM_FUNC_M KemSdCreatePath(KEM_PSDCTX_T pSdCtx, const char* path);
+
+/* Removes a directory with all that is in it. Names that begin with "." are not found: they stay, and with them the
+ * directory, and the answer is 0 all the same. A file that is write-protected is made writable (0664) first; a symbolic
+ * link goes, what it leads to is never touched. The first thing that cannot be removed stops the walk. Guarded.
+ * SDSTS_INVALID_PARAM: null, or a name that KemSdIsSafeToDelete refuses. SDSTS_DIR_REMOVE: something could not be read
+ * or removed; ENAMETOOLONG for a path beyond 1028 characters. */
+KEM_API KEM_FUNC_M KemSdDirRemove(KEM_PSDCTX_T pSdCtx, const char* pszDirName);
+/* TRUE when the name is neither null nor empty. */
+KEM_API KEM_BOOL_T KemSdIsSafeToDelete(const char* pszDirName);
+
+/* Changes the current directory, that of the whole process. Not guarded. SDSTS_INVALID_PARAM: null.
+ * SDSTS_DIR_NOT_FOUND: there is none of that name. SDSTS_DIR_CHANGE: refused. */
+KEM_API KEM_FUNC_M KemSdDirChange(KEM_PSDCTX_T pSdCtx, const char* pFullpath);
+
+/* Makes an empty file that did not exist, named by the prefix (may be null) and six characters, in the directory that
+ * TMPDIR names, else in /tmp, else in the current one; its path is the result. The caller removes it. The buffer must
+ * hold 1031 bytes. Guarded.
+ * SDSTS_INVALID_PARAM: pszTempNameBuf is null. SDSTS_FILE_TEMPNAME: the path would be too long (osRetCode 0), or the
+ * file could not be made. */
+KEM_API KEM_FUNC_M KemSdFileTempNameGet(KEM_PSDCTX_T pSdCtx, const char* pszPrefix, KEM_STR_T pszTempNameBuf);
+
+/* Makes destPath a hard link to srcPath (linkType 1) or a symbolic link (any other value). Guarded.
+ * SDSTS_INVALID_PARAM: a null path. SDSTS_FILE_CREATE: refused. */
+KEM_API KEM_FUNC_M KemSdCreateLink(KEM_PSDCTX_T pSdCtx, const char* srcPath, const char* destPath,
+                                   KEM_USHORT_T linkType);
+/* The same as KemSdDirectIOFileRemove. */
+KEM_API KEM_FUNC_M KemSdUnLink(KEM_PSDCTX_T pSdCtx, const char* path);
+
+/* Text only, nothing is looked up. Each result is written to the caller's buffer, of at least the path's length and 3
+ * bytes, and returned; a null buffer is returned as it is. The parent of a path is what leads up to its last "/" with
+ * it, of a path that ends with "/" the whole path, and "./" where there is no "/". The extension begins at the last "."
+ * of the whole path, with it or behind it; "dir.old/file" has "old/file". The canonical path is the path itself; its
+ * call returns 0, or SDSTS_INVALID_PARAM for a null pointer. */
+KEM_API KEM_STR_T KemSdFileGetParentPath(const char* szFilePath, KEM_STR_T szParent);
+KEM_API KEM_STR_T KemSdFileGetExtension(const char* szFilePath, KEM_BOOL_T bIncludeDot, KEM_STR_T szExt);
+KEM_API KEM_FUNC_M KemSdFileGetCanonicalPath(const char* szPath, KEM_INT_T iCanonPathSize, KEM_STR_T szCanonPath);
+
+/* The login name of the session, else the name of the effective user; *sizeBuf is its length. No bound is applied to
+ * the buffer. SDSTS_INVALID_PARAM: a null output. SDSTS_NO_LOGIN_NAME: neither is known; *sizeBuf is 0 and the first 8
+ * bytes of the buffer are zero. */
+KEM_API KEM_FUNC_M KemSdGetSessionLoginUsername(KEM_PSDCTX_T pSdCtx, KEM_STR_T pszLoginUsername, KEM_SIZE_T* sizeBuf);
+
+/* ---- Mapped files -----------------------------------------------------------------------------------------------
+ * A file read and written either through one shared mapping (KEM_IOTYPE_MMAP) or, by the same calls, through its
+ * descriptor. The mapping is made once, at the length given at the open, and never moved: give the largest length that
+ * the file will ever have. The file grows underneath in steps; reads and writes are copies. Example:
+ *
+ *     KEM_MMAPFILEHDL_T file;
+ *     KemSdMMAPHdlReset(&file);
+ *     if (KemSdMMAPFileOpen(ctx, path, O_RDWR | O_CREAT, 0, 0600, 1 << 30, KEM_IOTYPE_MMAP, 0, &file) != 0) return;
+ *     KemSdMMAPFileSetExtendSize(ctx, 1 << 20, 1 << 30, &file);          // steps of 1 MiB up to 1 GiB
+ *     KemSdMMAPFileWrite(ctx, &file, data, bytes, &written);
+ *     KemSdMMAPFileClose(ctx, file);
+ *
+ * A handle belongs to one thread at a time. Guarded where a row of the calls says so; in plain mode a call is the file
+ * handle call of the same name and reports what that does. In mapped mode:
+ *   - SDSTS_INVALID_PARAM: a null handle, buffer or result (an error-number output may be null);
+ *   - a handle without file or mapping is refused: reads and seeks with SDSTS_FILE_READ, writes with SDSTS_FILE_WRITE;
+ *   - bytes behind the mapping do not exist: reads end there, writes that would pass it copy nothing;
+ *   - osRetCode is 0 after reads and seeks, in plain mode too (and after a plain-mode flush), and errno of what failed
+ *     after the others. */
+
+#define KEM_IOTYPE_MMAP 101   /* mapped mode */
+#define KEM_IOTYPE_FILEIO 102 /* plain mode */
+
+typedef struct KEM_MMAPHDL_T {
+    KEM_FILEHDL_T fd;        /* -1: none */
+    KEM_ULONG_T extend_size; /* growth step in bytes; 0: grow to exactly what is needed */
+    KEM_OFF_T maxsize;       /* bytes that growth may reach; 0 after a reset: the file does not grow */
+    KEM_UCHAR_T* pmemmap;    /* the mapping, null when none */
+    KEM_OFF_T len;           /* its length in bytes */
+    KEM_OFF_T cur;           /* position of the sequential calls */
+    KEM_OFF_T size;          /* the file's length as this handle knows it */
+} KEM_MMAPHDL_T;
+
+typedef struct KEM_MMAPFILEHDL_T {
+    union {
+        KEM_FILEHDL_T fd; /* all that counts in plain mode */
+        KEM_MMAPHDL_T mmaphdl;
+    } v;
+    KEM_USHORT_T iotype; /* KEM_IOTYPE_MMAP, KEM_IOTYPE_FILEIO; 0 after a reset */
+} KEM_MMAPFILEHDL_T, *KEM_PMMAPFILEHDL_T;
+
+KEM_STATIC_ASSERT(sizeof(KEM_MMAPHDL_T) == 48 && sizeof(KEM_MMAPFILEHDL_T) == 56, "mapped file handle layout");
+
+/* No file, no mapping, position, size and maximum 0. extend_size stays, for a handle that is opened again. */
+KEM_API void KemSdMMAPHdlReset(KEM_PMMAPFILEHDL_T phFile);
+
+/* Opens the file as opentype says: 1 KemSdFileSOpen, 3 KemSdFileOpen64, 4 KemSdFileOpenExclusiveMode,
+ * 5 KemSdFileOpen64ExclusiveMode, 6 KemSdFileSOpenExclusiveMode, any other KemSdFileOpen; with iotype KEM_IOTYPE_MMAP
+ * it is mapped, mapsize bytes long, writable unless iOFlag is O_RDONLY (storing through it then is the caller's fault).
+ * Any other iotype is plain mode. A file opened for writing alone cannot be mapped.
+ * SDSTS_INVALID_PARAM: phFile is null. The open's failure: the handle is left alone. Else the file is closed again:
+ * SDSTS_FILE_LENGTH, its length could not be had (the context keeps the open's status); SDSTS_MMAP_FAILED, it could not
+ * be mapped (the context keeps the close's). */
+KEM_API KEM_FUNC_M KemSdMMAPFileOpen(KEM_PSDCTX_T pSdCtx, const char* pszFilePath, KEM_INT_T iOFlag, KEM_INT_T iShFlag,
+                                     KEM_INT_T iPMode, KEM_LONG64_T mapsize, KEM_USHORT_T iotype, KEM_USHORT_T opentype,
+                                     KEM_PMMAPFILEHDL_T phFile);
+
+/* How a mapped file grows: by steps of size bytes (0: exactly) up to maxsize bytes, at most the mapping's length.
+ * Ignored in plain mode. The context is left alone. */
+KEM_API void KemSdMMAPFileSetExtendSize(KEM_PSDCTX_T pSdCtx, KEM_ULONG_T size, KEM_OFF_T maxsize,
+                                        KEM_PMMAPFILEHDL_T phFile);
+
+/* Read up to uiCnt bytes at the position, which moves, or nBytesToRead at lFileOffset; the count is 0 at and behind the
+ * end of the file. Guarded. SDSTS_FILE_READ: see above, and a negative position or offset. */
+KEM_API KEM_FUNC_M KemSdMMAPFileRead(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T phFile, KEM_PVOID_T pvBuf,
+                                     KEM_UINT_T uiCnt, KEM_PINT_T piRead);
+KEM_API KEM_FUNC_M KemSdMMAPFilePRead(KEM_PSDCTX_T pSdCtx, KEM_MMAPFILEHDL_T hFile, KEM_PVOID_T pvData,
+                                      KEM_LONG_T lFileOffset, KEM_UINT_T nBytesToRead, KEM_PUINT_T pnBytesRead);
+
+/* Write all bytes at the position, which moves, or at lFileOffset (there offset plus count is a 32-bit sum); the file
+ * grows as it was told to. Guarded. SDSTS_FILE_WRITE: see above, a negative position or offset, growth beyond the
+ * maximum; SDSTS_DISK_FULL, SDSTS_FILE_SET_EOF: the growth failed. Nothing is written then. */
+KEM_API KEM_FUNC_M KemSdMMAPFileWrite(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T phFile, KEM_PVOID_T pvBuf,
+                                      KEM_UINT_T uiCnt, KEM_PINT_T piWritten);
+KEM_API KEM_FUNC_M KemSdMMAPFilePWrite(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T phFile, KEM_PVOID_T pvData,
+                                       KEM_LONG_T lFileOffset, KEM_UINT_T nBytesToWrite, KEM_PUINT_T pnBytesWritten,
+                                       KEM_POSRETCODE_T pOsRetCode);
+
+/* Moves the position by lOffset bytes from the start (iOrigin 0), from where it is (1) or from the end (2), unchecked;
+ * *plPosition is the new one, low 32 bits. Guarded. SDSTS_INVALID_PARAM: another origin, nothing moves. */
+KEM_API KEM_FUNC_M KemSdMMAPFileLSeek(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T phFile, KEM_LONG_T lOffset,
+                                      KEM_INT_T iOrigin, KEM_PLONG_T plPosition);
+
+/* Writes the mapping back as the system's MS_ASYNC, MS_SYNC and MS_INVALIDATE in flag ask. Guarded.
+ * SDSTS_INVALID_PARAM: no mapping. SDSTS_FILE_FLUSH: failed. */
+KEM_API KEM_FUNC_M KemSdMMAPFileFlush(KEM_PSDCTX_T pSdCtx, KEM_INT_T flag, KEM_MMAPFILEHDL_T hFile);
+
+/* As KemSdFileSetEndOfFile; the handle's size follows, position and mapping stay. SDSTS_INVALID_PARAM without storing
+ * it in the context: a handle without file or mapping. */
+KEM_API KEM_FUNC_M KemSdMMAPFileSetEndOfFile(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T phFile,
+                                             KEM_LONG_T lNewFileEOFBytes, KEM_PLONG_T plSetFileEOFBytes,
+                                             KEM_POSRETCODE_T pOsRetCode);
+
+/* Grows a mapped file to actualsizeneeded bytes or, by its step, beyond. The disk space is reserved, so that later
+ * stores cannot run out of it. *pOsRetCode, which may be null, receives the error number.
+ * SDSTS_FILE_WRITE, neither context nor *pOsRetCode written: more than the maximum. SDSTS_FILE_SET_EOF with EINVAL: a
+ * size of 2 GiB or more. SDSTS_DISK_FULL (errno ENOSPC or EDQUOT), SDSTS_FILE_SET_EOF: the system refused; the file is
+ * as it was. */
+KEM_API KEM_FUNC_M KemSdExtendMMAPFile(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T phFile, KEM_LONG_T actualsizeneeded,
+                                       KEM_POSRETCODE_T pOsRetCode);
+
+/* Unmaps and closes; the handle is the caller's to reset. SDSTS_MUNMAP_FAILED: unmapping failed, the file is closed
+ * (the context holds the close's result). SDSTS_INVALID_PARAM: there was no mapping, the file is closed all the same.
+ * Else the close's status. */
+KEM_API KEM_FUNC_M KemSdMMAPFileClose(KEM_PSDCTX_T pSdCtx, KEM_MMAPFILEHDL_T hFile);
+
+/* ---- Block files ------------------------------------------------------------------------------------------------
+ * Files read and written in blocks of 8192 bytes, at once or as requests that are collected later. All offsets,
+ * positions, sizes and counts are numbers of blocks; in bytes they wrap at 4 GiB. The system's page cache is not passed
+ * by: give O_DIRECT among the open's flags for that, and buffers aligned as the file system asks. Example:
+ *
+ *     KEM_NOWAITIO_CB_T request = {0};
+ *     KEM_STS_T sts = KemSdDirectIOFileRead(ctx, file, 0, buffer, 16, &request, &blocks, NULL);
+ *     computeMeanwhile();
+ *     if (sts == SDSTS_DIO_READ_PENDING) sts = KemSdDirectIOWait(ctx, file, &request, &blocks);
+ *
+ * Until the wait has collected a request, its buffer and its control block must stay as they are. Any thread may call;
+ * a control block is one request's. osRetCode is errno after a failure, else 0. A null output gives
+ * SDSTS_INVALID_PARAM. All calls are guarded but the close and those on arrays of control blocks. */
+
+/* The system's control block of a request; zero it before its first use. */
+typedef struct aiocb KEM_NOWAITIO_CB_T, *KEM_PNOWAITIO_CB_T;
+
+/* A mutex that other platforms need for a block file (sync.h); ignored here, null will do. */
+typedef KEM_PMUTEXHDL_T* KEM_PPMUTEXHDL_T;
+
+/* Makes the file, or empties it, and closes it. SDSTS_INVALID_PARAM: null path. SDSTS_FILE_CREATE: refused.
+ * SDSTS_FILE_CLOSE: made, but the close failed. */
+KEM_API KEM_FUNC_M KemSdDirectIOFileCreate(KEM_PSDCTX_T pSdCtx, const char* pszFilePath, KEM_INT_T iMode);
+
+/* Opens with the flags iOType and iAccessFlag together; iShFlags and iAttrFlags are ignored.
+ * SDSTS_INVALID_PARAM: a null path or handle. SDSTS_FILE_OPEN: refused; *phFile is -1. */
+KEM_API KEM_FUNC_M KemSdDirectIOFileOpen(KEM_PSDCTX_T pSdCtx, const char* pszFilePath, KEM_INT_T iAccessFlag,
+                                         KEM_INT_T iShFlags, KEM_INT_T iOType, KEM_INT_T iPMode, KEM_INT_T iAttrFlags,
+                                         KEM_PFILEHDL_T phFile, KEM_PPMUTEXHDL_T pprwMutex);
+
+/* SDSTS_FILE_CLOSE: the system reported a failure. */
+KEM_API KEM_FUNC_M KemSdDirectIOFileClose(KEM_PSDCTX_T pSdCtx, KEM_FILEHDL_T hFile, KEM_PPMUTEXHDL_T pprwMutex);
+
+/* Removes the name. SDSTS_INVALID_PARAM: null. SDSTS_FILE_REMOVE: refused. */
+KEM_API KEM_FUNC_M KemSdDirectIOFileRemove(KEM_PSDCTX_T pSdCtx, const char* pszFilePath);
+
+/* Reads ulBlocks blocks at block ulOffsetBlocks; the file's position is neither used nor moved. Without a control block
+ * it waits: *pulBlocksRead is the number of whole blocks read, 0 at the end of the file; SDSTS_FILE_READ: failed, 0.
+ * A partial block that ends the request at 2 GiB counts as a whole one, since a file of 2^31 - 1 bytes lacks its last
+ * byte. With a control block the read is queued: SDSTS_DIO_READ_PENDING, no failure, count 0; SDSTS_DIO_READ: refused,
+ * count 0. */
+KEM_API KEM_FUNC_M KemSdDirectIOFileRead(KEM_PSDCTX_T pSdCtx, KEM_FILEHDL_T hFile, KEM_ULONG_T ulOffsetBlocks,
+                                         KEM_PVOID_T pBuffer, KEM_ULONG_T ulBlocks, KEM_PNOWAITIO_CB_T pNoWaitCb,
+                                         KEM_PULONG_T pulBlocksRead, KEM_PMUTEXHDL_T prwMutex);
+
+/* Writes likewise. SDSTS_FILE_WRITE: failed, or not one block could be written; count 0. Queued:
+ * SDSTS_DIO_WRITE_PENDING, no failure, count 0; SDSTS_DIO_WRITE: refused, count 0xFFFFFFFF. */
+KEM_API KEM_FUNC_M KemSdDirectIOFileWrite(KEM_PSDCTX_T pSdCtx, KEM_FILEHDL_T hFile, KEM_ULONG_T ulOffsetBlocks,
+                                          KEM_PVOID_T pBuffer, KEM_ULONG_T ulBlocks, KEM_PNOWAITIO_CB_T pNoWaitCb,
+                                          KEM_PULONG_T pulBlocksWritten, KEM_PPMUTEXHDL_T pprwMutex);
+
+/* Waits until a queued request has ended; *pulBlocksRW is the number of whole blocks moved. hFile is ignored.
+ * SDSTS_INVALID_PARAM: a null control block. SDSTS_DIO_SUSPEND: waiting failed. SDSTS_DISK_FULL, SDSTS_DIO_RETURN: the
+ * request failed; osRetCode is its own error number. A request is collected once. */
+KEM_API KEM_FUNC_M KemSdDirectIOWait(KEM_PSDCTX_T pSdCtx, KEM_FILEHDL_T hFile, KEM_PNOWAITIO_CB_T pNoWaitCb,
+                                     KEM_PULONG_T pulBlocksRW);
+
+/* The number of whole blocks, of the low 32 bits of the length. SDSTS_FILE_LENGTH: failed, 0. */
+KEM_API KEM_FUNC_M KemSdDirectIOFileSize(KEM_PSDCTX_T pSdCtx, KEM_FILEHDL_T hFile, KEM_PULONG_T pulFileLengthBlocks);
+
+/* The position, or the one lOffsetBlocks from iOrigin (SEEK_SET, SEEK_CUR, SEEK_END), in whole blocks of its low 32
+ * bits as a signed number; a negative one is a failure. SDSTS_FILE_TELL, SDSTS_DIO_SEEK: failed, 0. */
+KEM_API KEM_FUNC_M KemSdDirectIOFilePointerGet(KEM_PSDCTX_T pSdCtx, KEM_FILEHDL_T hFile,
+                                               KEM_PULONG_T pulFilePositionBlocks);
+KEM_API KEM_FUNC_M KemSdDirectIOFilePointerSet(KEM_PSDCTX_T pSdCtx, KEM_FILEHDL_T hFile, KEM_LONG_T lOffsetBlocks,
+                                               KEM_INT_T iOrigin, KEM_PULONG_T pulFilePositionBlocks);
+
+/* Both: cut or grow the file to that many blocks, which are also the result. SDSTS_FILE_SET_EOF: failed, 0; an
+ * interrupted call is not retried. */
+KEM_API KEM_FUNC_M KemSdDirectIOFileChangeSize(KEM_PSDCTX_T pSdCtx, KEM_FILEHDL_T hFile, KEM_ULONG_T ulNewFileEOFBlocks,
+                                               KEM_PULONG_T pulSetFileEOFBlocks);
+KEM_API KEM_FUNC_M KemSdDirectIOFileSetEndOfFile(KEM_PSDCTX_T pSdCtx, KEM_FILEHDL_T hFile,
+                                                 KEM_ULONG_T ulNewFileEOFBlocks, KEM_PULONG_T pulSetFileEOFBlocks);
+
+/* The largest file in bytes: what the volume's file system allows by its number of file-size bits, or the process's
+ * limit when that is lower. File systems of 53 bits and more, all usual ones, answer -1.0. SDSTS_INVALID_PARAM: a null
+ * name. SDSTS_DIO_MAX_FILE_SIZE: the file system's limit is not known and counts as 0.0, or the process's is not known
+ * and nothing is stored. */
+KEM_API KEM_FUNC_M KemSdDirectIOMaxFileSizeGet(KEM_PSDCTX_T pSdCtx, const char* pszVolumeName,
+                                               KEM_PDOUBLE_T pdMaxFileSizeInBytes);
+
+/* For arrays of control blocks. Init has nothing to prepare: 0. Term is not provided here: SDSTS_INVALID_PARAM. */
+KEM_API KEM_FUNC_M KemSdDirectIONoWaitCbsInit(KEM_PSDCTX_T pSdCtx, KEM_PNOWAITIO_CB_T pNoWaitCb, KEM_ULONG_T numCbs);
+KEM_API KEM_FUNC_M KemSdDirectIONoWaitCbsTerm(KEM_PSDCTX_T pSdCtx, KEM_PNOWAITIO_CB_T pNoWaitCb, KEM_ULONG_T numCbs);
 
 /* ---- Leased writes and the write pause --------------------------------------------------------------------------
  * A server stops all writing for a while, so that an outside party can copy consistent files: its writers take a lease

@@ -44,11 +44,13 @@ typedef uint32_t KEM_BIT32_T, *KEM_PBIT32_T;
 typedef uint16_t KEM_USHORT_T;
 typedef int16_t KEM_SHORT_T;
 typedef int64_t KEM_LONG64_T;
-typedef uint64_t KEM_ULONGLONG_T;
+typedef uint64_t KEM_ULONGLONG_T, *KEM_PULONGLONG_T;
 typedef int64_t KEM_OFF_T;
 typedef size_t KEM_SIZE_T;
 typedef uint8_t KEM_BOOL_T, *KEM_PBOOL_T;
 typedef char* KEM_STR_T;
+typedef uint8_t KEM_UCHAR_T, *KEM_PUCHAR_T;
+typedef double KEM_DOUBLE_T, *KEM_PDOUBLE_T;
 typedef void *KEM_PVOID_T, **KEM_PPVOID_T;
 typedef time_t KEM_TIME_T, *KEM_PTIME_T;
 

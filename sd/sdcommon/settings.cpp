@@ -11,7 +11,7 @@ constinit KEM_BOOL_T bTurnOffMemDealloc = FALSE;
 constinit KEM_BOOL_T gbDisableMmap = FALSE;
 constinit KEM_BOOL_T gbMemProtect = FALSE;
 constinit KEM_BOOL_T bFailoverMode = FALSE;
-constinit KEM_File_Locking_Mode file_locking_mode = KEM_FILE_LOCKING_ADVISORY;
+constinit KEM_File_Locking_Mode file_locking_mode = KEM_FILE_LOCK_ADVISORY;
 }
 
 namespace {

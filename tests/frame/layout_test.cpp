@@ -658,8 +658,8 @@ static_assert(std::is_same_v<KEM_FUNC_M, KEM_STS_T> && isInteger<OV_STS_T, 4, tr
 static_assert(std::is_same_v<KEM_STR_T, char*> && std::is_same_v<KEM_PPVOID_T, void**>);
 static_assert(TRUE == 1 && FALSE == 0 && KEM_BLOCK_SIZE == 8192);
 static_assert(sizeof(MemoryMessage) == 4 && memmsg_noerror == 0 && memmsg_warning == 1 && memmsg_error == 2);
-static_assert(sizeof(KEM_File_Locking_Mode) == 4 && KEM_FILE_LOCKING_MANDATORY == 0 && KEM_FILE_LOCKING_ADVISORY == 1 &&
-              KEM_FILE_LOCKING_NONE == 2 && KEM_FILE_LOCKING_NOTSET == 3);
+static_assert(sizeof(KEM_File_Locking_Mode) == 4 && KEM_FILE_LOCK_MANDATORY == 0 && KEM_FILE_LOCK_ADVISORY == 1 &&
+              KEM_FILE_LOCK_NONE == 2 && KEM_FILE_LOCK_NOTSET == 3);
 
 TEST(Layout, EveryFieldOfEveryRecordIsWhereServersExpectIt)
 {

@@ -63,9 +63,9 @@ TEST(Settings, SettersStoreWhatTheyAreGiven)
     EXPECT_TRUE(KemSdIsFailoverMode());
     KemSdSetFailoverModeFlag(FALSE);
     EXPECT_FALSE(KemSdIsFailoverMode());
-    KemSdSetFileLockingMode(KEM_FILE_LOCKING_NOTSET);
+    KemSdSetFileLockingMode(KEM_FILE_LOCK_NOTSET);
     EXPECT_EQ(file_locking_mode, 3);
-    KemSdSetFileLockingMode(KEM_FILE_LOCKING_MANDATORY);
+    KemSdSetFileLockingMode(KEM_FILE_LOCK_MANDATORY);
     EXPECT_EQ(file_locking_mode, 0);
 }
 

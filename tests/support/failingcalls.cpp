@@ -2,19 +2,25 @@
 
 #include "failingcalls.h"
 
+#include <aio.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <pwd.h>
 #include <sched.h>
 #include <semaphore.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/sysinfo.h>
 #include <sys/time.h>
 #include <sys/times.h>
+#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>

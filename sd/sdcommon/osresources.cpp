@@ -1,0 +1,3 @@
+// The whole resource record.
+
+#include <kemsd/os.h>

@@ -1,0 +1,3 @@
+// Whole-file locks, and who holds or uses a file.
+
+#include <kemsd/file.h>

@@ -1,0 +1,3 @@
+// Modules loaded at run time.
+
+#include <kemsd/os.h>

@@ -1,0 +1,3 @@
+// Drives: the entries of the mount table.
+
+#include <kemsd/os.h>

@@ -1,0 +1,3 @@
+// The limits, memory and identity of this process.
+
+#include <kemsd/os.h>

@@ -1,0 +1,3 @@
+// Resource strings, which this platform does not have.
+
+#include <kemsd/os.h>

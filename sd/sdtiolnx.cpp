@@ -1,0 +1,3 @@
+// The console.
+
+#include <kemsd/os.h>

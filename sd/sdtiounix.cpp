@@ -1,0 +1,3 @@
+// Single keys from standard input.
+
+#include <kemsd/os.h>

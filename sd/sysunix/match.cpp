@@ -1,0 +1,3 @@
+// The server layer's own search step.
+
+#include <kemsd/file.h>
