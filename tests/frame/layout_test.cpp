@@ -487,6 +487,146 @@ const Record kRecords[] = {
          FIELD(OV_SVCTX_T, bAppTerminating, 0, 1),
          FIELD(OV_SVCTX_T, pauseinterface, 8, 320),
      }},
+    {"KEM_OSINFO_T",
+     sizeof(KEM_OSINFO_T),
+     122,
+     {
+         FIELD(KEM_OSINFO_T, szOSName, 0, 61),
+         FIELD(KEM_OSINFO_T, szVersion, 61, 61),
+     }},
+    {"KEM_CPUINFO_T",
+     sizeof(KEM_CPUINFO_T),
+     72,
+     {
+         FIELD(KEM_CPUINFO_T, ulCPUCnt, 0, 4),
+         FIELD(KEM_CPUINFO_T, ulCPUType, 4, 4),
+         FIELD(KEM_CPUINFO_T, szCPUTypeName, 8, 61),
+     }},
+    {"KEM_PHYSMEMINFO_T",
+     sizeof(KEM_PHYSMEMINFO_T),
+     12,
+     {
+         FIELD(KEM_PHYSMEMINFO_T, ulTotal, 0, 4),
+         FIELD(KEM_PHYSMEMINFO_T, ulUsed, 4, 4),
+         FIELD(KEM_PHYSMEMINFO_T, ulFree, 8, 4),
+     }},
+    {"KEM_SWAPINFO_T",
+     sizeof(KEM_SWAPINFO_T),
+     1048,
+     {
+         FIELD(KEM_SWAPINFO_T, bt32SwapStatus, 0, 4),
+         FIELD(KEM_SWAPINFO_T, szSwapPath, 4, 1029),
+         FIELD(KEM_SWAPINFO_T, ulTotal, 1036, 4),
+         FIELD(KEM_SWAPINFO_T, ulUsed, 1040, 4),
+         FIELD(KEM_SWAPINFO_T, ulFree, 1044, 4),
+     }},
+    {"KEM_DRIVES_T",
+     sizeof(KEM_DRIVES_T),
+     12,
+     {
+         FIELD(KEM_DRIVES_T, ulDriveCnt, 0, 4),
+         FIELD(KEM_DRIVES_T, ulDriveCur, 4, 4),
+         FIELD(KEM_DRIVES_T, bt32DriveMap, 8, 4),
+     }},
+    {"KEM_DRIVETYPE_T",
+     sizeof(KEM_DRIVETYPE_T),
+     68,
+     {
+         FIELD(KEM_DRIVETYPE_T, ulDriveType, 0, 4),
+         FIELD(KEM_DRIVETYPE_T, szDriveTypeName, 4, 61),
+     }},
+    {"KEM_DRIVEINFO_T",
+     sizeof(KEM_DRIVEINFO_T),
+     2208,
+     {
+         FIELD(KEM_DRIVEINFO_T, ulOrdinal, 0, 4),
+         FIELD(KEM_DRIVEINFO_T, szDriveName, 4, 1029),
+         FIELD(KEM_DRIVEINFO_T, szVolumeLabel, 1033, 1029),
+         FIELD(KEM_DRIVEINFO_T, driveType, 2064, 68),
+         FIELD(KEM_DRIVEINFO_T, szFileSystemType, 2132, 61),
+         FIELD(KEM_DRIVEINFO_T, ulTotal, 2196, 4),
+         FIELD(KEM_DRIVEINFO_T, ulUsed, 2200, 4),
+         FIELD(KEM_DRIVEINFO_T, ulFree, 2204, 4),
+     }},
+    {"KEM_OSRESOURCES_T",
+     sizeof(KEM_OSRESOURCES_T),
+     3500,
+     {
+         FIELD(KEM_OSRESOURCES_T, osInfo, 0, 122),
+         FIELD(KEM_OSRESOURCES_T, timeRecCurSys, 124, 20),
+         FIELD(KEM_OSRESOURCES_T, timeElapsedOS, 144, 4),
+         FIELD(KEM_OSRESOURCES_T, cpuInfo, 148, 72),
+         FIELD(KEM_OSRESOURCES_T, physMemInfo, 220, 12),
+         FIELD(KEM_OSRESOURCES_T, swapInfo, 232, 1048),
+         FIELD(KEM_OSRESOURCES_T, drives, 1280, 12),
+         FIELD(KEM_OSRESOURCES_T, driveInfoArr, 1292, 2208),
+     }},
+    {"KemProcSysInfo",
+     sizeof(KemProcSysInfo),
+     28,
+     {
+         FIELD(KemProcSysInfo, vmPeak, 0, 4),
+         FIELD(KemProcSysInfo, vmSize, 4, 4),
+         FIELD(KemProcSysInfo, vmHWM, 8, 4),
+         FIELD(KemProcSysInfo, vmStk, 12, 4),
+         FIELD(KemProcSysInfo, vmData, 16, 4),
+         FIELD(KemProcSysInfo, vmExe, 20, 4),
+         FIELD(KemProcSysInfo, vmLib, 24, 4),
+     }},
+    {"KEM_CONSOLEHDL_T",
+     sizeof(KEM_CONSOLEHDL_T),
+     8,
+     {
+         FIELD(KEM_CONSOLEHDL_T, hTermIn, 0, 4),
+         FIELD(KEM_CONSOLEHDL_T, hTermOut, 4, 4),
+     }},
+    {"KEM_KBDINFO_T",
+     sizeof(KEM_KBDINFO_T),
+     2,
+     {
+         FIELD(KEM_KBDINFO_T, chChar, 0, 1),
+         FIELD(KEM_KBDINFO_T, chScan, 1, 1),
+     }},
+    {"KEM_MMAPHDL_T",
+     sizeof(KEM_MMAPHDL_T),
+     48,
+     {
+         FIELD(KEM_MMAPHDL_T, fd, 0, 4),
+         FIELD(KEM_MMAPHDL_T, extend_size, 4, 4),
+         FIELD(KEM_MMAPHDL_T, maxsize, 8, 8),
+         FIELD(KEM_MMAPHDL_T, pmemmap, 16, 8),
+         FIELD(KEM_MMAPHDL_T, len, 24, 8),
+         FIELD(KEM_MMAPHDL_T, cur, 32, 8),
+         FIELD(KEM_MMAPHDL_T, size, 40, 8),
+     }},
+    {"KEM_MMAPFILEHDL_T",
+     sizeof(KEM_MMAPFILEHDL_T),
+     56,
+     {
+         FIELD(KEM_MMAPFILEHDL_T, v, 0, 48),
+         FIELD(KEM_MMAPFILEHDL_T, iotype, 48, 2),
+     }},
+    {"KEM_FILE_LIST",
+     sizeof(KEM_FILE_LIST),
+     1056,
+     {
+         FIELD(KEM_FILE_LIST, name, 0, 1029),
+         FIELD(KEM_FILE_LIST, creationTime, 1032, 8),
+         FIELD(KEM_FILE_LIST, fileSize, 1040, 4),
+         FIELD(KEM_FILE_LIST, next, 1048, 8),
+     }},
+    {"OV_FINDINFO_T",
+     sizeof(OV_FINDINFO_T),
+     1184,
+     {
+         FIELD(OV_FINDINFO_T, hdir, 0, 8),
+         FIELD(OV_FINDINFO_T, searchCnt, 8, 2),
+         FIELD(OV_FINDINFO_T, filePattern, 10, 121),
+         FIELD(OV_FINDINFO_T, directory, 131, 1029),
+         FIELD(OV_FINDINFO_T, fname, 1160, 8),
+         FIELD(OV_FINDINFO_T, fattr, 1168, 8),
+         FIELD(OV_FINDINFO_T, findAttr, 1176, 8),
+     }},
 };
 
 struct Status {
@@ -660,6 +800,23 @@ static_assert(TRUE == 1 && FALSE == 0 && KEM_BLOCK_SIZE == 8192);
 static_assert(sizeof(MemoryMessage) == 4 && memmsg_noerror == 0 && memmsg_warning == 1 && memmsg_error == 2);
 static_assert(sizeof(KEM_File_Locking_Mode) == 4 && KEM_FILE_LOCK_MANDATORY == 0 && KEM_FILE_LOCK_ADVISORY == 1 &&
               KEM_FILE_LOCK_NONE == 2 && KEM_FILE_LOCK_NOTSET == 3);
+static_assert(KEM_FILE_STATUS_PENDING == 0x1 && KEM_FILE_STATUS_IN_USE == 0x2 && KEM_FILE_STATUS_FREE == 0x4 &&
+              KEM_FILE_STATUS_ABSENT == 0x8 && KEM_FILE_STATUS_UNKNOWN == 0x10);
+static_assert(KEM_FILEATTR_DIRECTORY == 0x4000 && KEM_FILEATTR_FILE == 0x8000 && KEM_FILEPATH_MAX == 1029);
+static_assert(KEM_IOTYPE_MMAP == 101 && KEM_IOTYPE_FILEIO == 102);
+static_assert(KEM_SWAP_STATUS_VALID == 0x1 && KEM_SWAP_STATUS_UNAVAILABLE == 0x8 && KEM_DRIVES_MAX == 32);
+static_assert(PROC_STATUS_NAME == 0 && PROC_STATUS_GID == 1 && PROC_STATUS_VMHWM == 5 && PROC_STATUS_VMLIB == 6 &&
+              PROC_STATUS_PPID == 10 && PROC_STATUS_PID == 11 && PROC_STATUS_VMPEAK == 15 && PROC_STATUS_VMLCK == 16 &&
+              PROC_STATUS_SLEEPAV == 20 && PROC_STATUS_UID == 21 && PROC_STATUS_VMSIZE == 25 &&
+              PROC_STATUS_VMEXE == 26 && PROC_STATUS_SHDPND == 30 && PROC_STATUS_VMRSS == 31 &&
+              PROC_STATUS_VMSTK == 35 && PROC_STATUS_GROUPS == 36 && PROC_STATUS_STATE == 40 &&
+              PROC_STATUS_MEMS_AL == 41 && PROC_STATUS_TGID == 45 && PROC_STATUS_THREADS == 46 &&
+              PROC_STATUS_STASTK == 50 && PROC_STATUS_SIGQ == 51 && PROC_STATUS_SIGPND == 55 &&
+              PROC_STATUS_FDSIZE == 56 && PROC_STATUS_VMPTE == 60 && PROC_STATUS_BRK == 61 &&
+              PROC_STATUS_TRACERP == 65 && PROC_STATUS_VMDATA == 66 && PROC_STATUS_SIGCGT == 70 &&
+              PROC_STATUS_CAPPRM == 75 && PROC_STATUS_SIGIGN == 80 && PROC_STATUS_CAPEFF == 85 &&
+              PROC_STATUS_STABRK == 90 && PROC_STATUS_CPUS_AL == 95 && PROC_STATUS_CAPINH == 100 &&
+              PROC_STATUS_SIGBLK == 105 && PROC_STATUS_INVALID == 113);
 
 TEST(Layout, EveryFieldOfEveryRecordIsWhereServersExpectIt)
 {
