@@ -472,7 +472,7 @@ KEM_API KEM_FUNC_M KemSdMMAPFileClose(KEM_PSDCTX_T pSdCtx, KEM_MMAPFILEHDL_T hFi
  *     if (sts == SDSTS_DIO_READ_PENDING) sts = KemSdDirectIOWait(ctx, file, &request, &blocks);
  *
  * Until the wait has collected a request, its buffer and its control block must stay as they are. Any thread may call;
- * a control block is one request's. osRetCode is errno after a failure, else 0. A null output gives
+ * a control block is one request's. osRetCode is errno after a failure, else 0. A null buffer or output gives
  * SDSTS_INVALID_PARAM. All calls are guarded but the close and those on arrays of control blocks. */
 
 /* The system's control block of a request; zero it before its first use. */
@@ -506,15 +506,16 @@ KEM_API KEM_FUNC_M KemSdDirectIOFileRead(KEM_PSDCTX_T pSdCtx, KEM_FILEHDL_T hFil
                                          KEM_PVOID_T pBuffer, KEM_ULONG_T ulBlocks, KEM_PNOWAITIO_CB_T pNoWaitCb,
                                          KEM_PULONG_T pulBlocksRead, KEM_PMUTEXHDL_T prwMutex);
 
-/* Writes likewise. SDSTS_FILE_WRITE: failed, or not one block could be written; count 0. Queued:
+/* Writes likewise. SDSTS_FILE_WRITE: failed, a full disk included, or not one whole block was written; count 0. Queued:
  * SDSTS_DIO_WRITE_PENDING, no failure, count 0; SDSTS_DIO_WRITE: refused, count 0xFFFFFFFF. */
 KEM_API KEM_FUNC_M KemSdDirectIOFileWrite(KEM_PSDCTX_T pSdCtx, KEM_FILEHDL_T hFile, KEM_ULONG_T ulOffsetBlocks,
                                           KEM_PVOID_T pBuffer, KEM_ULONG_T ulBlocks, KEM_PNOWAITIO_CB_T pNoWaitCb,
                                           KEM_PULONG_T pulBlocksWritten, KEM_PPMUTEXHDL_T pprwMutex);
 
-/* Waits until a queued request has ended; *pulBlocksRW is the number of whole blocks moved. hFile is ignored.
- * SDSTS_INVALID_PARAM: a null control block. SDSTS_DIO_SUSPEND: waiting failed. SDSTS_DISK_FULL, SDSTS_DIO_RETURN: the
- * request failed; osRetCode is its own error number. A request is collected once. */
+/* Waits until a queued request has ended; *pulBlocksRW is the number of whole blocks moved, fewer than asked at the end
+ * of the file or of the disk, and is left alone by a failure. hFile is ignored. A request is collected once.
+ * SDSTS_INVALID_PARAM: a null control block. SDSTS_DIO_SUSPEND: waiting failed, the request is still out.
+ * SDSTS_DISK_FULL (ENOSPC), SDSTS_DIO_RETURN: the request failed; osRetCode is its own error number. */
 KEM_API KEM_FUNC_M KemSdDirectIOWait(KEM_PSDCTX_T pSdCtx, KEM_FILEHDL_T hFile, KEM_PNOWAITIO_CB_T pNoWaitCb,
                                      KEM_PULONG_T pulBlocksRW);
 
