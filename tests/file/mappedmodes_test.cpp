@@ -144,8 +144,9 @@ void BothModes::step()
             if (hdl().cur < kSide / 2) both([&] { return seek(static_cast<KEM_LONG_T>(count), SEEK_CUR); });
             return;
         case 6:
-            return both(
-                [&] { return seek(-static_cast<KEM_LONG_T>(std::min<KEM_OFF_T>(count, hdl().size)), SEEK_END); });
+            return both([&, back = -static_cast<KEM_LONG_T>(std::min<KEM_OFF_T>(count, hdl().size))] {
+                return seek(back, SEEK_END);
+            });
         default:
             return both([&] { return setEnd(place); });
     }
