@@ -91,6 +91,12 @@ inline constexpr Target kTargets[] = {
     {"leased-pwrite/8KiB", 1.05},
     {"leased-write/64B", 1.05},
     {"leased-write/8KiB", 1.05},
+
+    // Mapped files: the floor is the copy.
+    {"mapped-read/64B", 1.15},
+    {"mapped-pread/64B", 1.15},
+    {"mapped-write/64B", 1.15},
+    {"mapped-pwrite/64B", 1.15},
 };
 
 constexpr Target targetOf(std::string_view load)

@@ -143,8 +143,8 @@ Outcome moveEnd(KEM_MMAPHDL_T& file, KEM_LONG_T bytes)
 
 // ---- Copying
 //
-// Results are stored before the bytes are copied: nothing is left to do behind the copy, so a read or write is straight
-// code without a frame. Sums are formed only where they are known to fit: any number here may be any 64-bit number.
+// Results are stored before the bytes are copied: nothing is left to do behind the copy. Sums are formed only where
+// they are known to fit: any number here may be any 64-bit number.
 
 [[gnu::noinline]] KEM_STS_T copyLong(void* to, const void* from, size_t bytes)
 {
@@ -179,26 +179,96 @@ inline KEM_STS_T copyLast(void* to, const void* from, size_t bytes)
     return 0;
 }
 
-// How many of the wanted bytes a reader gets at a place; negative: none can be read there.
-inline KEM_OFF_T readableBytes(const KEM_MMAPHDL_T& file, KEM_OFF_T at, KEM_UINT_T wanted)
+template <class Count>
+inline KEM_STS_T copyAndFinish(KEM_PSDCTX_T ctx, void* to, const void* from, KEM_UINT_T bytes, Count* moved)
 {
-    if (!hasMapping(file) || at < 0) [[unlikely]]
-        return -1;
-    const KEM_OFF_T left = std::min(file.size, file.len) - at;
-    return std::clamp<KEM_OFF_T>(left, 0, wanted);
+    *moved = static_cast<Count>(bytes);
+    finish(ctx, ok());
+    return copyLast(to, from, bytes);
 }
 
-inline bool fitsMapping(const KEM_MMAPHDL_T& file, KEM_OFF_T at, KEM_UINT_T bytes)
+template <class Count>
+KEM_STS_T readAt(KEM_PSDCTX_T ctx, const KEM_MMAPHDL_T& file, KEM_OFF_T at, void* to, KEM_UINT_T wanted, Count* got)
 {
-    return hasMapping(file) && at >= 0 && bytes <= file.len - at;
+    *got = 0;
+    if (!hasMapping(file) || at < 0) return finishRefused(ctx, SDSTS_FILE_READ, 0);
+    const auto there = std::clamp<KEM_OFF_T>(std::min(file.size, file.len) - at, 0, wanted);
+    return copyAndFinish(ctx, to, file.pmemmap + at, static_cast<KEM_UINT_T>(there), got);
 }
 
-// Makes room for a write.
-inline Outcome makeRoom(KEM_MMAPHDL_T& file, KEM_OFF_T at, KEM_UINT_T bytes)
+Outcome makeRoom(KEM_MMAPHDL_T& file, KEM_OFF_T at, KEM_UINT_T bytes)
 {
-    if (!fitsMapping(file, at, bytes)) [[unlikely]]
-        return fail(SDSTS_FILE_WRITE);
+    if (!hasMapping(file) || at < 0 || bytes > file.len - at) return fail(SDSTS_FILE_WRITE);
     return at + bytes > file.size ? growTo(file, at + bytes) : ok();
+}
+
+template <class Count>
+KEM_STS_T writeAt(KEM_PSDCTX_T ctx, KEM_MMAPHDL_T& file, KEM_OFF_T at, const void* from, KEM_UINT_T bytes,
+                  Count* written, KEM_POSRETCODE_T error)
+{
+    *written = 0;
+    const Outcome room = makeRoom(file, at, bytes);
+    if (error) *error = room.os;
+    if (room.failed()) return finish(ctx, room);
+    return copyAndFinish(ctx, file.pmemmap + at, from, bytes, written);
+}
+
+// ---- The four calls that copy
+//
+// Nearly always all bytes lie in a mapped file and no guard is asked: then a call is a few comparisons and the copy.
+// These are the calls in every other case.
+
+[[gnu::cold, gnu::noinline]] KEM_STS_T readOtherwise(KEM_PSDCTX_T ctx, KEM_PMMAPFILEHDL_T handle, void* to,
+                                                     KEM_UINT_T bytes, KEM_PINT_T got)
+{
+    if (handle && isPlain(*handle)) return dropErrorNumber(ctx, KemSdFileRead(ctx, handle->v.fd, to, bytes, got));
+    passLeaseGuard();
+    if (!handle || !to || !got) return finishInvalid(ctx);
+    KEM_MMAPHDL_T& file = handle->v.mmaphdl;
+    const KEM_STS_T sts = readAt(ctx, file, file.cur, to, bytes, got);
+    file.cur += static_cast<KEM_UINT_T>(*got);
+    return sts;
+}
+
+[[gnu::cold, gnu::noinline]] KEM_STS_T readAtOtherwise(KEM_PSDCTX_T ctx, const KEM_MMAPFILEHDL_T& handle, void* to,
+                                                       KEM_LONG_T offset, KEM_UINT_T bytes, KEM_PUINT_T got)
+{
+    if (isPlain(handle)) return dropErrorNumber(ctx, KemSdFilePRead(ctx, handle.v.fd, to, offset, bytes, got));
+    passLeaseGuard();
+    if (!to || !got) return finishInvalid(ctx);
+    return readAt(ctx, handle.v.mmaphdl, offset, to, bytes, got);
+}
+
+[[gnu::cold, gnu::noinline]] KEM_STS_T writeOtherwise(KEM_PSDCTX_T ctx, KEM_PMMAPFILEHDL_T handle, void* from,
+                                                      KEM_UINT_T bytes, KEM_PINT_T written)
+{
+    if (handle && isPlain(*handle)) return KemSdFileWrite(ctx, handle->v.fd, from, bytes, written);
+    // Deliberate: here alone the arguments come before the guard.
+    if (!handle || !from || !written) return finishInvalid(ctx);
+    passLeaseGuard();
+    KEM_MMAPHDL_T& file = handle->v.mmaphdl;
+    const KEM_STS_T sts = writeAt(ctx, file, file.cur, from, bytes, written, nullptr);
+    file.cur += static_cast<KEM_UINT_T>(*written);
+    return sts;
+}
+
+[[gnu::cold, gnu::noinline]] KEM_STS_T writeAtOtherwise(KEM_PSDCTX_T ctx, KEM_PMMAPFILEHDL_T handle, void* from,
+                                                        KEM_LONG_T offset, KEM_UINT_T bytes, KEM_PUINT_T written,
+                                                        KEM_POSRETCODE_T error)
+{
+    if (handle && isPlain(*handle)) return KemSdFilePWrite(ctx, handle->v.fd, from, offset, bytes, written, error);
+    if (error) *error = 0;
+    passLeaseGuard();
+    if (!handle || !from || !written) return finishInvalid(ctx);
+    return writeAt(ctx, handle->v.mmaphdl, offset, from, bytes, written, error);
+}
+
+// Whether a copy is all that is to be done.
+inline bool onlyCopies(const KEM_MMAPFILEHDL_T& handle, KEM_OFF_T at, KEM_UINT_T bytes)
+{
+    const KEM_MMAPHDL_T& file = handle.v.mmaphdl;
+    return !isPlain(handle) && !sd::failoverMode() && hasMapping(file) && at >= 0 &&
+           bytes <= std::min(file.size, file.len) - at;
 }
 
 } // namespace
@@ -240,71 +310,41 @@ void KemSdMMAPFileSetExtendSize(KEM_PSDCTX_T, KEM_ULONG_T size, KEM_OFF_T maxsiz
 KEM_FUNC_M KemSdMMAPFileRead(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T phFile, KEM_PVOID_T pvBuf, KEM_UINT_T uiCnt,
                              KEM_PINT_T piRead)
 {
-    if (phFile && isPlain(*phFile))
-        return dropErrorNumber(pSdCtx, KemSdFileRead(pSdCtx, phFile->v.fd, pvBuf, uiCnt, piRead));
-    passLeaseGuard();
-    if (!phFile || !pvBuf || !piRead) return finishInvalid(pSdCtx);
+    if (!phFile || !pvBuf || !piRead || !onlyCopies(*phFile, phFile->v.mmaphdl.cur, uiCnt)) [[unlikely]]
+        return readOtherwise(pSdCtx, phFile, pvBuf, uiCnt, piRead);
     KEM_MMAPHDL_T& file = phFile->v.mmaphdl;
     const KEM_OFF_T at = file.cur;
-    const KEM_OFF_T bytes = readableBytes(file, at, uiCnt);
-    *piRead = 0;
-    if (bytes < 0) return finishRefused(pSdCtx, SDSTS_FILE_READ, 0);
-    *piRead = static_cast<KEM_INT_T>(bytes);
-    file.cur = at + bytes;
-    finish(pSdCtx, ok());
-    return copyLast(pvBuf, file.pmemmap + at, static_cast<size_t>(bytes));
+    file.cur = at + uiCnt;
+    return copyAndFinish(pSdCtx, pvBuf, file.pmemmap + at, uiCnt, piRead);
 }
 
 KEM_FUNC_M KemSdMMAPFilePRead(KEM_PSDCTX_T pSdCtx, KEM_MMAPFILEHDL_T hFile, KEM_PVOID_T pvData, KEM_LONG_T lFileOffset,
                               KEM_UINT_T nBytesToRead, KEM_PUINT_T pnBytesRead)
 {
-    if (isPlain(hFile))
-        return dropErrorNumber(pSdCtx,
-                               KemSdFilePRead(pSdCtx, hFile.v.fd, pvData, lFileOffset, nBytesToRead, pnBytesRead));
-    passLeaseGuard();
-    if (!pvData || !pnBytesRead) return finishInvalid(pSdCtx);
-    const KEM_OFF_T bytes = readableBytes(hFile.v.mmaphdl, lFileOffset, nBytesToRead);
-    *pnBytesRead = 0;
-    if (bytes < 0) return finishRefused(pSdCtx, SDSTS_FILE_READ, 0);
-    *pnBytesRead = static_cast<KEM_UINT_T>(bytes);
-    finish(pSdCtx, ok());
-    return copyLast(pvData, hFile.v.mmaphdl.pmemmap + lFileOffset, static_cast<size_t>(bytes));
+    if (!pvData || !pnBytesRead || !onlyCopies(hFile, lFileOffset, nBytesToRead)) [[unlikely]]
+        return readAtOtherwise(pSdCtx, hFile, pvData, lFileOffset, nBytesToRead, pnBytesRead);
+    return copyAndFinish(pSdCtx, pvData, hFile.v.mmaphdl.pmemmap + lFileOffset, nBytesToRead, pnBytesRead);
 }
 
 KEM_FUNC_M KemSdMMAPFileWrite(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T phFile, KEM_PVOID_T pvBuf, KEM_UINT_T uiCnt,
                               KEM_PINT_T piWritten)
 {
-    if (phFile && isPlain(*phFile)) return KemSdFileWrite(pSdCtx, phFile->v.fd, pvBuf, uiCnt, piWritten);
-    // Deliberate: here alone the arguments come before the guard.
-    if (!phFile || !pvBuf || !piWritten) return finishInvalid(pSdCtx);
-    passLeaseGuard();
+    if (!phFile || !pvBuf || !piWritten || !onlyCopies(*phFile, phFile->v.mmaphdl.cur, uiCnt)) [[unlikely]]
+        return writeOtherwise(pSdCtx, phFile, pvBuf, uiCnt, piWritten);
     KEM_MMAPHDL_T& file = phFile->v.mmaphdl;
     const KEM_OFF_T at = file.cur;
-    *piWritten = 0;
-    const Outcome room = makeRoom(file, at, uiCnt);
-    if (room.failed()) return finishRefused(pSdCtx, room.sts, room.os);
-    *piWritten = static_cast<KEM_INT_T>(uiCnt);
     file.cur = at + uiCnt;
-    finish(pSdCtx, ok());
-    return copyLast(file.pmemmap + at, pvBuf, uiCnt);
+    return copyAndFinish(pSdCtx, file.pmemmap + at, pvBuf, uiCnt, piWritten);
 }
 
 KEM_FUNC_M KemSdMMAPFilePWrite(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T phFile, KEM_PVOID_T pvData,
                                KEM_LONG_T lFileOffset, KEM_UINT_T nBytesToWrite, KEM_PUINT_T pnBytesWritten,
                                KEM_POSRETCODE_T pOsRetCode)
 {
-    if (phFile && isPlain(*phFile))
-        return KemSdFilePWrite(pSdCtx, phFile->v.fd, pvData, lFileOffset, nBytesToWrite, pnBytesWritten, pOsRetCode);
+    if (!phFile || !pvData || !pnBytesWritten || !onlyCopies(*phFile, lFileOffset, nBytesToWrite)) [[unlikely]]
+        return writeAtOtherwise(pSdCtx, phFile, pvData, lFileOffset, nBytesToWrite, pnBytesWritten, pOsRetCode);
     if (pOsRetCode) *pOsRetCode = 0;
-    passLeaseGuard();
-    if (!phFile || !pvData || !pnBytesWritten) return finishInvalid(pSdCtx);
-    *pnBytesWritten = 0;
-    const Outcome room = makeRoom(phFile->v.mmaphdl, lFileOffset, nBytesToWrite);
-    if (pOsRetCode) *pOsRetCode = room.os;
-    if (room.failed()) return finishRefused(pSdCtx, room.sts, room.os);
-    *pnBytesWritten = nBytesToWrite;
-    finish(pSdCtx, ok());
-    return copyLast(phFile->v.mmaphdl.pmemmap + lFileOffset, pvData, nBytesToWrite);
+    return copyAndFinish(pSdCtx, phFile->v.mmaphdl.pmemmap + lFileOffset, pvData, nBytesToWrite, pnBytesWritten);
 }
 
 KEM_FUNC_M KemSdMMAPFileLSeek(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T phFile, KEM_LONG_T lOffset, KEM_INT_T iOrigin,
