@@ -432,8 +432,9 @@ KEM_API KEM_FUNC_M KemSdMMAPFilePRead(KEM_PSDCTX_T pSdCtx, KEM_MMAPFILEHDL_T hFi
                                       KEM_LONG_T lFileOffset, KEM_UINT_T nBytesToRead, KEM_PUINT_T pnBytesRead);
 
 /* Write all bytes at the position, which moves, or at lFileOffset; the file grows as it was told to, for a count of 0
- * behind its end too. Guarded, and once more where it grows. SDSTS_FILE_WRITE: see above, a negative position or offset, growth beyond the
- * maximum; SDSTS_DISK_FULL, SDSTS_FILE_SET_EOF: the growth failed. Nothing is written then. */
+ * behind its end too. Guarded, and once more where it grows. SDSTS_FILE_WRITE: see above, a negative position or
+ * offset, growth beyond the maximum; SDSTS_DISK_FULL, SDSTS_FILE_SET_EOF: the growth failed. Nothing is written then.
+ */
 KEM_API KEM_FUNC_M KemSdMMAPFileWrite(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T phFile, KEM_PVOID_T pvBuf,
                                       KEM_UINT_T uiCnt, KEM_PINT_T piWritten);
 KEM_API KEM_FUNC_M KemSdMMAPFilePWrite(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T phFile, KEM_PVOID_T pvData,
@@ -450,8 +451,7 @@ KEM_API KEM_FUNC_M KemSdMMAPFileLSeek(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T ph
 KEM_API KEM_FUNC_M KemSdMMAPFileFlush(KEM_PSDCTX_T pSdCtx, KEM_INT_T flag, KEM_MMAPFILEHDL_T hFile);
 
 /* As KemSdFileSetEndOfFile, but what the file grows by is reserved as below; the handle's size follows, position and
- * mapping stay. SDSTS_INVALID_PARAM without storing
- * it in the context: a handle without file or mapping. */
+ * mapping stay. SDSTS_INVALID_PARAM without storing it in the context: a handle without file or mapping. */
 KEM_API KEM_FUNC_M KemSdMMAPFileSetEndOfFile(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T phFile,
                                              KEM_LONG_T lNewFileEOFBytes, KEM_PLONG_T plSetFileEOFBytes,
                                              KEM_POSRETCODE_T pOsRetCode);
