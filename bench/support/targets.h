@@ -96,6 +96,11 @@ inline constexpr Target kTargets[] = {
     {"collect/100000", 0, 1.00},
     {"search/100000", 0, 1.00},
     {"remove/10000", 0, 1.00},
+    // Mapped files: the floor is the copy.
+    {"mapped-read/64B", 1.15},
+    {"mapped-pread/64B", 1.15},
+    {"mapped-write/64B", 1.15},
+    {"mapped-pwrite/64B", 1.15},
 };
 
 constexpr Target targetOf(std::string_view load)
