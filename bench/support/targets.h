@@ -91,6 +91,12 @@ inline constexpr Target kTargets[] = {
     {"leased-pwrite/8KiB", 1.05},
     {"leased-write/64B", 1.05},
     {"leased-write/8KiB", 1.05},
+
+    // Block files. The floor is the C library's own asynchronous calls, or the system call where nothing waits.
+    {"nowait-read/32x8KiB", 1.10},
+    {"nowait-write/32x8KiB", 1.10},
+    {"block-read/8KiB", 1.05},
+    {"block-write/8KiB", 1.05},
 };
 
 constexpr Target targetOf(std::string_view load)
