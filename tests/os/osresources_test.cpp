@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <kemsd/os.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <string>
@@ -26,7 +27,7 @@ public:
     ~Buffer()
     {
         const auto* const end = reinterpret_cast<const unsigned char*>(words_.data() + words_.size());
-        for (const auto* at = data() + bytes_; at != end; ++at) ASSERT_EQ(*at, 0xA5) << "written past the buffer";
+        EXPECT_TRUE(std::all_of(data() + bytes_, end, [](unsigned char c) { return c == 0xA5; })) << "written past it";
     }
 
     const unsigned char* data() const { return reinterpret_cast<const unsigned char*>(words_.data()); }
@@ -87,7 +88,8 @@ TEST_F(Resources, AreWhatTheSingleCallsSay)
     EXPECT_EQ(found.timeRecCurSys.Weekday, 4);
     KEM_ULONG_T elapsed = 0;
     KemSdTimeElapsedOS(nullptr, &elapsed);
-    EXPECT_NEAR(found.timeElapsedOS, elapsed, 60);
+    EXPECT_LE(found.timeElapsedOS, elapsed);
+    EXPECT_GT(found.timeElapsedOS, 0u);
     KEM_OSINFO_T system;
     KemSdOSInfoGet(nullptr, &system);
     EXPECT_EQ(memcmp(&found.osInfo, &system, sizeof system), 0);
