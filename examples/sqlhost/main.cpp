@@ -110,6 +110,12 @@ void addSql(CLI::App& app, Options& options)
     command->final_callback([&options] { sqlhost::sqlOnServer(options.directory, options.statements, options.csv); });
 }
 
+void addShell(CLI::App& app, Options& options)
+{
+    CLI::App* const command = addServerCommand(app, options, "shell", "Have a server run what is typed at a prompt");
+    command->final_callback([&options] { sqlhost::shellOnServer(options.directory); });
+}
+
 void addBackup(CLI::App& app, Options& options)
 {
     CLI::App* const command = addServerCommand(app, options, "backup", "Copy the database while the server goes on");
@@ -149,11 +155,11 @@ int main(int argc, char** argv)
     app.add_flag("--verbose", options.verbose, "Show what start-up says");
     app.footer(
         "\nsqlhost import DB TABLE FILE.csv\nsqlhost run DB [FILE.sql|-]\nsqlhost memory DB [FILE.sql|-]\n"
-        "\nsqlhost serve DIR\nsqlhost sql DIR [STATEMENT...]\nsqlhost import DIR TABLE FILE.csv\n"
+        "\nsqlhost serve DIR\nsqlhost sql DIR [STATEMENT...]\nsqlhost shell DIR\nsqlhost import DIR TABLE FILE.csv\n"
         "sqlhost backup DIR DEST\nsqlhost status DIR\nsqlhost stop DIR");
     app.require_subcommand(1);
     app.fallthrough();
-    for (const auto add : {addImport, addRun, addMemory, addServe, addSql, addBackup, addStatus, addStop})
+    for (const auto add : {addImport, addRun, addMemory, addServe, addSql, addShell, addBackup, addStatus, addStop})
         add(app, options);
     try {
         app.parse(argc, argv);
