@@ -4,6 +4,7 @@
 #include <string>
 
 #include "server.h"
+#include "sqlmodules.h"
 
 namespace sqlhost {
 
@@ -16,7 +17,8 @@ struct ImportOptions {
 void importCsv(Server& server, const ImportOptions& options);
 
 // Runs the statements of a file, or of standard input ("-"), and prints their results as tables or as CSV.
-void runSql(Server& server, const std::string& database, const std::string& file, bool asCsv);
+void runSql(Server& server, const SqlModules& modules, const std::string& database, const std::string& file,
+            bool asCsv);
 
 // Puts the database to work, with the statements of `file` or a workload of its own, and reports the memory in use.
 void reportMemory(Server& server, const std::string& database, const std::string& file);

@@ -26,6 +26,7 @@ constexpr int kUsage = 2;
 struct Options {
     std::string memoryFile;
     bool verbose = false;
+    std::vector<std::string> modules;
     sqlhost::ImportOptions import;
     std::string database, sqlFile = "-", workFile;
     std::string directory;
@@ -60,15 +61,24 @@ void addImport(CLI::App& app, Options& options)
     });
 }
 
+void addModules(CLI::App& command, Options& options)
+{
+    command.add_option("--module", options.modules, "Module that adds functions to SQL; may be repeated")
+        ->type_name("FILE.so")
+        ->allow_extra_args(false);
+}
+
 void addRun(CLI::App& app, Options& options)
 {
     CLI::App* const command = app.add_subcommand("run", "Run SQL statements and print their results");
     command->add_option("DB", options.database, "Database file")->required();
     command->add_option("FILE.sql", options.sqlFile, "File with statements, - for standard input (the default)");
     command->add_flag("--csv", options.csv, "Print results as CSV");
+    addModules(*command, options);
     command->final_callback([&options] {
         Server server(options.memoryFile, options.verbose, Engine::oneThread);
-        runSql(server, options.database, options.sqlFile, options.csv);
+        const sqlhost::SqlModules modules(server.context(), options.modules);
+        runSql(server, modules, options.database, options.sqlFile, options.csv);
     });
 }
 
@@ -96,9 +106,11 @@ void addServe(CLI::App& app, Options& options)
 {
     CLI::App* const command =
         addServerCommand(app, options, "serve", "Serve the database of a directory, made when missing, until stopped");
+    addModules(*command, options);
     command->final_callback([&options] {
         Server server(options.memoryFile, options.verbose, Engine::manyThreads);
-        sqlhost::Service(server, options.directory).run();
+        const sqlhost::SqlModules modules(server.context(), options.modules);
+        sqlhost::Service(server, modules, options.directory).run();
     });
 }
 
@@ -108,6 +120,12 @@ void addSql(CLI::App& app, Options& options)
     command->add_option("STATEMENT", options.statements, "Statements; those of standard input when there are none");
     command->add_flag("--csv", options.csv, "Print results as CSV");
     command->final_callback([&options] { sqlhost::sqlOnServer(options.directory, options.statements, options.csv); });
+}
+
+void addShell(CLI::App& app, Options& options)
+{
+    CLI::App* const command = addServerCommand(app, options, "shell", "Have a server run what is typed at a prompt");
+    command->final_callback([&options] { sqlhost::shellOnServer(options.directory); });
 }
 
 void addBackup(CLI::App& app, Options& options)
@@ -149,11 +167,11 @@ int main(int argc, char** argv)
     app.add_flag("--verbose", options.verbose, "Show what start-up says");
     app.footer(
         "\nsqlhost import DB TABLE FILE.csv\nsqlhost run DB [FILE.sql|-]\nsqlhost memory DB [FILE.sql|-]\n"
-        "\nsqlhost serve DIR\nsqlhost sql DIR [STATEMENT...]\nsqlhost import DIR TABLE FILE.csv\n"
+        "\nsqlhost serve DIR\nsqlhost sql DIR [STATEMENT...]\nsqlhost shell DIR\nsqlhost import DIR TABLE FILE.csv\n"
         "sqlhost backup DIR DEST\nsqlhost status DIR\nsqlhost stop DIR");
     app.require_subcommand(1);
     app.fallthrough();
-    for (const auto add : {addImport, addRun, addMemory, addServe, addSql, addBackup, addStatus, addStop})
+    for (const auto add : {addImport, addRun, addMemory, addServe, addSql, addShell, addBackup, addStatus, addStop})
         add(app, options);
     try {
         app.parse(argc, argv);
