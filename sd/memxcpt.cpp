@@ -21,7 +21,7 @@ OV_LONG_T ovXcptFatExceptionOccured(void) { return sd::loadRelaxed(iXcptExceptio
 
 OV_STS_T ovXcptMemAlloc(void*, OV_ULONG_T, void** result) { return noReserve(result); }
 
-OV_STS_T ovXcptMemCalloc(void*, OV_ULONG_T, OV_ULONG_T, void** result) { return noReserve(result); }
+OV_STS_T ovXcptMemCalloc(void*, OV_UINT_T, OV_ULONG_T, void** result) { return noReserve(result); }
 
 OV_STS_T ovXcptMemRealloc(void*, OV_ULONG_T, void** result) { return noReserve(result); }
 

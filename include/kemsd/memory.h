@@ -1,5 +1,6 @@
-/* Memory: the server-wide allocation calls and their accounting, the records they keep, aligned, mapped and locked
- * pages, the public context-reporting calls, and the per-thread free lists.
+/* Memory: the server-wide allocation calls and their accounting, the records they keep, short-term heaps, aligned,
+ * mapped and locked pages, the public context-reporting calls, memory stacks, crash-time memory, the per-thread free
+ * lists, and placement on NUMA nodes.
  *
  * Every block comes from one of two worlds. While the thread heaps are off, from the system allocator, with an 8-byte
  * header in front when the memory manager is on. Once ovMemThreadHeapInit has built the thread heaps, requests of up
@@ -357,6 +358,47 @@ KEM_API int ovFreeAligned(void* ptr, size_t alignment, const char* fname, long l
 /* A copy of the text with five zero bytes behind it, to be released with ovFree; null for null or without memory. */
 KEM_API char* ovStrDup(const char* pStr, const char* fname, long line);
 
+/* ---- Short-term heaps -------------------------------------------------------------------------------------------
+ * Heaps of one thread for the many small blocks of one unit of work, all given back together. They take no locks: only
+ * their thread may allocate from them, resize and release their blocks, and end them. Example:
+ *
+ *     ovMemShortHeapInit(threadContext);
+ *     if (ovMemShortCheckStatus(threadContext)) {
+ *         ovMemShortHeapMalloc(threadContext, 200, &row, __FILE__, __LINE__);
+ *         ...
+ *         ovMemShortHeapTerm(threadContext);    // row is gone
+ *     }
+ *
+ * They exist while the thread heaps are on and the configuration asks for them. The heaps of ended units of work are
+ * kept for the next ones, MaxShortMemoryPoolSize of them at most; when none is in use, a stock of more than
+ * LimitShortHeapsForRemove goes back to the system. tctxp is the calling thread's context; null does nothing, and gives
+ * SDSTS_INVALID_PARAM where there is a status. Single blocks may be released by ovFree. */
+
+/* Gives the context its first short-term heap, unless it has one. Without memory it stays without. */
+KEM_API void ovMemShortHeapInit(OV_THDCTX_T* tctxp);
+
+/* Whether the context has a short-term heap. */
+KEM_API OV_BOOL_T ovMemShortCheckStatus(OV_THDCTX_T* tctxp);
+
+/* Stores a block of size bytes: up to MaxAllocBlock bytes from the context's heaps, of which there may be more in the
+ * end, a larger one from ovMalloc.
+ * SDSTS_INVALID_PARAM: size below 1, or block is null; nothing is stored. SDSTS_NO_MEMORY, null stored: no further heap
+ * (the server is told), or no heap at all. A larger block's failure is that of ovMalloc. */
+KEM_API OV_STS_T ovMemShortHeapMalloc(OV_THDCTX_T* tctxp, OV_LONG_T size, void** block, const char* fname, long line);
+
+/* Resizes a block of ovMemShortHeapMalloc, in place or by moving it; null makes it that call. The old block stays when
+ * it fails. SDSTS_INVALID_PARAM: size below 1, or newblock is null. Otherwise the failure of ovMemShortHeapMalloc or,
+ * for a block that is and remains larger than MaxAllocBlock, of ovRealloc. */
+KEM_API OV_STS_T ovMemShortHeapRealloc(OV_THDCTX_T* tctxp, OV_LONG_T size, void* block, void** newblock,
+                                       const char* fname, long line);
+
+/* Ends the unit of work: all heaps of the context go, and with them all blocks, and the larger blocks are released. The
+ * context may begin again. While KemSdSetMemDeallocOption is in force a context must not have larger blocks. */
+KEM_API void ovMemShortHeapTerm(OV_THDCTX_T* tctxp);
+
+/* Sets the context's MemShortDisableFree, a note of the server's to itself that the next ovMemShortHeapInit clears. */
+KEM_API void ovMemShortDisableFree(OV_THDCTX_T* tctxp);
+
 /* ---- Accounting --------------------------------------------------------------------------------------------------
  * What the memory manager holds, counted while memory control is on (a configuration file was found and does not say
  * nomemorycontrol), and messages when the limit is near or a request failed:
@@ -597,6 +639,159 @@ KEM_API int ovMunmap(void* ptr, const char* fname, long line);
  * Does nothing while KemSdSetMemProtectCfg is off or mappings are off, or for null. Its first page is readable and
  * writable for a moment. SDSTS_MPROTECT_FAILED: the system refused. */
 KEM_API int ovMprotect(void* ptr, int prot, const char* fname, long line);
+
+/* ---- Memory stacks ----------------------------------------------------------------------------------------------
+ * An arena: items are carved one behind the other out of large blocks and released together, back to an earlier item or
+ * all of them. What falls empty is kept for the next items. Example:
+ *
+ *     KEM_STACKHDR_T* stack;
+ *     void *mark, *item;
+ *     KemSdMemStackCreate(ctx, &stack, 16, 65536);
+ *     KemSdMemStackAllocAndPush(ctx, stack, 0, &mark);
+ *     KemSdMemStackAllocAndPush(ctx, stack, 300, &item);
+ *     KemSdMemStackPopAndFree(ctx, stack, mark);    // item is gone
+ *     KemSdMemStackDelete(ctx, stack);
+ *
+ * A stack is used by one thread at a time and has no lock. Sizes are bytes; osRetCode is 0 unless the system's page
+ * size or limits could not be had. */
+
+/* The head of every block of a stack. */
+typedef struct KEM_BLOCKHDR_T {
+    KEM_ULONG_T ulBlockSize;           /* bytes from the block's start, this header included */
+    struct KEM_BLOCKHDR_T* pNextBlock; /* the older block, or the next reserve */
+} KEM_BLOCKHDR_T, *KEM_PBLOCKHDR_T;
+
+typedef struct KEM_STACKHDR_T {
+    KEM_ULONG_T ulPageSize;
+    KEM_ULONG_T ulItemAlignment;    /* a power of two */
+    KEM_ULONG_T ulCreateBlockSize;  /* bytes of a usual block: whole pages less 128 */
+    KEM_ULONGLONG_T ulDataOff;      /* where a block's first item lies */
+    KEM_ULONGLONG_T ulStackPtrOff;  /* where the current block's next item lies */
+    KEM_ULONGLONG_T ulMaxAlloc;     /* the system's largest allocation */
+    KEM_BLOCKHDR_T* pCurrentBlock;  /* the block being filled, older ones behind it; null: the stack is empty */
+    KEM_BLOCKHDR_T* pReservedBlock; /* empty blocks, the largest first */
+} KEM_STACKHDR_T, *KEM_PSTACKHDR_T;
+
+KEM_STATIC_ASSERT(sizeof(KEM_BLOCKHDR_T) == 16 && sizeof(KEM_STACKHDR_T) == 56, "memory stack layout");
+
+/* Makes a stack whose items are aligned to ulItemAlignment, with one block of ulBlockSize bytes, rounded so that it and
+ * 128 bytes in front of it are whole pages. Release it by KemSdMemStackDelete, also after a failure that has stored
+ * one. SDSTS_INVALID_PARAM: ppStackHdr is null, the alignment is no power of two, or the size is beyond what the system
+ * allows. SDSTS_OSR_SYSCONF with errno: page size or limits are not to be had. Else the allocator's failure. */
+KEM_API KEM_FUNC_M KemSdMemStackCreate(KEM_PSDCTX_T pSdCtx, KEM_STACKHDR_T** ppStackHdr, KEM_ULONG_T ulItemAlignment,
+                                       KEM_ULONG_T ulBlockSize);
+
+/* Stores an item of ulSz bytes, which may be 0. An item never spans blocks; one larger than a block gets its own.
+ * SDSTS_INVALID_PARAM: a null pointer, or more than can be had. Else the allocator's failure: nothing has changed. */
+KEM_API KEM_FUNC_M KemSdMemStackAllocAndPush(KEM_PSDCTX_T pSdCtx, KEM_PSTACKHDR_T pStackHdr, KEM_ULONG_T ulSz,
+                                             void** ppBuf);
+
+/* Releases pBuf and every item behind it. SDSTS_INVALID_PARAM: null stack, or pBuf does not lie in it; nothing changes.
+ * Else the failure of releasing a block. */
+KEM_API KEM_FUNC_M KemSdMemStackPopAndFree(KEM_PSDCTX_T pSdCtx, KEM_PSTACKHDR_T pStackHdr, void* pBuf);
+
+/* Releases all items and keeps all blocks. A stack without items is left alone, and so is the context.
+ * SDSTS_INVALID_PARAM: null stack. */
+KEM_API KEM_FUNC_M KemSdMemStackReset(KEM_PSDCTX_T pSdCtx, KEM_PSTACKHDR_T pStackHdr);
+
+/* Releases the stack and all its blocks. SDSTS_INVALID_PARAM: null stack. Else the first failure of a release. */
+KEM_API KEM_FUNC_M KemSdMemStackDelete(KEM_PSDCTX_T pSdCtx, KEM_PSTACKHDR_T pStackHdr);
+
+/* ---- Crash-time memory ------------------------------------------------------------------------------------------
+ * A process that has met a fatal exception must not trust its heaps any more, but may need memory to say what happened.
+ * A server sets 1 MiB aside at its start; its handler of fatal signals declares the exception, and from then on every
+ * allocation of the handling thread is cut from that reserve. All other threads that allocate are stopped. Example:
+ *
+ *     KemSdXcptCreateStackHeader();                  // at start-up
+ *
+ *     KemSdXcptSetFatExceptionOccured(TRUE);         // in the handler of a fatal signal; TRUE: end with a core dump
+ *     void* text;
+ *     ovMalloc(threadContext, 4096, &text, __FILE__, __LINE__);    // from the reserve
+ *
+ * Nothing of the reserve is ever given back. A request that it cannot serve ends the process, as declared: by abort(),
+ * or by exit with status 0. Three copies of the reserve's header guard against stray writes; one damaged copy is
+ * repaired. Allocations go there by themselves: the ovXcpt calls are what the other entry points use. */
+
+/* Sets the reserve aside, once; a failure shows at the first request. */
+KEM_API void KemSdXcptCreateStackHeader(void);
+/* Gives it back, unused or not; a request that comes later ends the process. */
+KEM_API void KemSdXcptDestroyStackHeader(void);
+
+/* Declares the exception for the calling thread; for good. A failure to learn the thread's id is returned and changes
+ * nothing. Async-signal-safe, like the calls below. */
+KEM_API KEM_STS_T KemSdXcptSetFatExceptionOccured(KEM_BOOL_T bDoCoreDumpOnCrash);
+
+/* Not 0 once an exception is declared. */
+KEM_API OV_LONG_T ovXcptFatExceptionOccured(void);
+
+/* Memory from the reserve, for the thread that declared the exception: 0, or the process ends. Calloc clears it and
+ * forms the size in 32 bits. Realloc takes the old item or null in *ppvBuf, stores the new one there and copies up to
+ * ulSz bytes; the old item stays. Other threads wait for ever. pSdCtx is unused. */
+KEM_API OV_STS_T ovXcptMemAlloc(void* pSdCtx, OV_ULONG_T ulSz, void** ppvBuf);
+KEM_API OV_STS_T ovXcptMemCalloc(void* pSdCtx, OV_UINT_T uiBlockCnt, OV_ULONG_T ulBlockSz, void** ppvBuf);
+KEM_API OV_STS_T ovXcptMemRealloc(void* pSdCtx, OV_ULONG_T ulSz, void** ppvBuf);
+/* Releases nothing. 0 when pvBuf lies in the reserve, else SDSTS_INVALID_PARAM. */
+KEM_API OV_STS_T ovXcptMemFree(void* pSdCtx, void* pvBuf);
+
+/* ---- NUMA nodes -------------------------------------------------------------------------------------------------
+ * Spreads threads over the machine's memory nodes and allocates where a thread will use it. Off unless the hardware
+ * acceleration is on and the environment says OV_TURN_OFF_NUMA=false; off also where this process may run on one node
+ * only. While it is off nothing is bound and memory comes from the C library. Example:
+ *
+ *     KemSdInitNumaResources();                                           // at start-up
+ *     const KEM_LONG64_T node = KemSdGetNumaNodeId(workerNumber);         // round-robin; -1: off
+ *     KemSdBindThreadToNode(threadContext, node);
+ *     ovMallocOnNode(threadContext, bytes, &taken, &buffer, node, __FILE__, __LINE__);
+ *     ovFreeOnNode(threadContext, taken, buffer, __FILE__, __LINE__);
+ *
+ * The table of nodes is made at start-up and read by any thread. Contexts are unused; fname and line too. */
+
+#define KEM_NUMA_NODES_MAX 128
+
+typedef struct KEM_NUMA_NODE_INFO {
+    KEM_LONG64_T* numaNodeIdAry; /* KEM_NUMA_NODES_MAX elements: the usable nodes, ascending; null while off */
+    KEM_LONG64_T numNumaNodes;   /* 0: off */
+} KEM_NUMA_NODE_INFO;
+
+/* Makes the table when it is wanted, else empties it. */
+KEM_API void KemSdInitNumaResources(void);
+/* Makes the table, whatever the settings say. Without NUMA support, memory, or a second node it stays empty. */
+KEM_API void KemSdCreateNumaResources(void);
+/* Empties and frees the table. */
+KEM_API void KemSdDestroyNumaResources(void);
+
+/* The number of nodes, 0 while off; and their ids, null while off. */
+KEM_API KEM_LONG64_T KemSdGetNumNumaNodes(void);
+KEM_API KEM_LONG64_T* KemSdGetNumaNodeIdAryPtr(void);
+
+/* The place in the table for thread or partition number n: the remainder of n, with its sign; 0 while off. The node of
+ * that number: -1 while off or for a remainder below 0. The node at a place, unchecked; -1 while off. */
+KEM_API KEM_LONG64_T KemSdGetNumaNodeIdIndex(KEM_LONG64_T n);
+KEM_API KEM_LONG64_T KemSdGetNumaNodeId(KEM_LONG64_T n);
+KEM_API KEM_LONG64_T KemSdGetNumaNodeIdFromIndex(KEM_LONG64_T i);
+
+/* Both: bind the calling thread to the processors and, preferably, the memory of a node. A negative node, and any while
+ * off, changes nothing. */
+KEM_API void KemSdBindThreadToNode(void* thdctxp, KEM_LONG64_T nodeId);
+KEM_API void KemSdBindThreadToNumaNode(void* thdctxp, KEM_LONG64_T nodeId);
+
+/* Stores size bytes of the node's memory, and the number to give back with it: size, or 0 where the C library had to
+ * serve instead. A thread that was never bound is bound to the node afterwards. 0, or errno without memory; while off
+ * always 0, with null stored where there is none. SDSTS_INVALID_PARAM: a null output. */
+KEM_API int KemSdAllocOnNumaNode(void* thdctxp, size_t size, size_t* allocSize, void** ppvfBuf, KEM_LONG64_T nodeId);
+/* Frees it; size is the number that came with it. Always 0. */
+KEM_API int KemSdFreeOnNumaNode(void* tctxp, size_t size, void* ptr);
+
+/* Frees memory of the C library. SDSTS_INVALID_PARAM: null. */
+KEM_API KEM_FUNC_M KemSdExtAllocMemFree(KEM_PSDCTX_T pSdCtx, void* ptr);
+
+/* The same for the server: from the node with hardware acceleration, else from the C library; once a fatal exception is
+ * declared from the crash-time reserve, *allocSize then untouched. SDSTS_INVALID_PARAM: size 0 or a null output.
+ * SDSTS_NO_MEMORY, null stored: the server is told. */
+KEM_API int ovMallocOnNode(void* thdctxp, size_t size, size_t* allocSize, void** ppvfBuf, KEM_LONG64_T nodeId,
+                           const char* fname, long line);
+/* SDSTS_INVALID_PARAM: null. A block of the crash-time reserve stays. */
+KEM_API int ovFreeOnNode(void* thdctxp, size_t size, void* ptr, const char* fname, long line);
 
 /* ---- Per-thread free lists -------------------------------------------------------------------------------------- */
 

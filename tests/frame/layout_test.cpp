@@ -627,6 +627,33 @@ const Record kRecords[] = {
          FIELD(OV_FINDINFO_T, fattr, 1168, 8),
          FIELD(OV_FINDINFO_T, findAttr, 1176, 8),
      }},
+    {"KEM_BLOCKHDR_T",
+     sizeof(KEM_BLOCKHDR_T),
+     16,
+     {
+         FIELD(KEM_BLOCKHDR_T, ulBlockSize, 0, 4),
+         FIELD(KEM_BLOCKHDR_T, pNextBlock, 8, 8),
+     }},
+    {"KEM_STACKHDR_T",
+     sizeof(KEM_STACKHDR_T),
+     56,
+     {
+         FIELD(KEM_STACKHDR_T, ulPageSize, 0, 4),
+         FIELD(KEM_STACKHDR_T, ulItemAlignment, 4, 4),
+         FIELD(KEM_STACKHDR_T, ulCreateBlockSize, 8, 4),
+         FIELD(KEM_STACKHDR_T, ulDataOff, 16, 8),
+         FIELD(KEM_STACKHDR_T, ulStackPtrOff, 24, 8),
+         FIELD(KEM_STACKHDR_T, ulMaxAlloc, 32, 8),
+         FIELD(KEM_STACKHDR_T, pCurrentBlock, 40, 8),
+         FIELD(KEM_STACKHDR_T, pReservedBlock, 48, 8),
+     }},
+    {"KEM_NUMA_NODE_INFO",
+     sizeof(KEM_NUMA_NODE_INFO),
+     16,
+     {
+         FIELD(KEM_NUMA_NODE_INFO, numaNodeIdAry, 0, 8),
+         FIELD(KEM_NUMA_NODE_INFO, numNumaNodes, 8, 8),
+     }},
 };
 
 struct Status {

@@ -1,0 +1,3 @@
+// Memory stacks: items carved one behind the other out of large blocks.
+
+#include <kemsd/memory.h>

@@ -1,0 +1,3 @@
+// Threads and buffers on the nodes of a machine.
+
+#include <kemsd/memory.h>
