@@ -473,8 +473,8 @@ KEM_API KEM_FUNC_M KemSdMMAPFileClose(KEM_PSDCTX_T pSdCtx, KEM_MMAPFILEHDL_T hFi
  *
  * Until the wait has collected a request, its buffer and its control block must stay as they are. The C library serves
  * requests with threads of its own: those on one handle one after the other, those on different handles side by side.
- * Any thread may call; a control block is one request's. osRetCode is errno after a failure, else 0. A null buffer or output gives
- * SDSTS_INVALID_PARAM. All calls are guarded but the close and those on arrays of control blocks. */
+ * Any thread may call; a control block is one request's. osRetCode is errno after a failure, else 0. A null buffer or
+ * output gives SDSTS_INVALID_PARAM. All calls are guarded but the close and those on arrays of control blocks. */
 
 /* The system's control block of a request; zero it before its first use. */
 typedef struct aiocb KEM_NOWAITIO_CB_T, *KEM_PNOWAITIO_CB_T;
