@@ -223,6 +223,20 @@ TEST_F(Removal, AFileExchangedForALinkBeforeItsModeIsChangedLeadsNowhere)
     EXPECT_EQ(modeOf(outside), 0400u);
 }
 
+TEST_F(Removal, ADirectoryInThePlaceOfAFileThatMayNotGoKeepsItsMode)
+{
+    write("file");
+    const Failing refused = Failing::nth(Call::unlinkat, 1, EACCES);
+    const Interrupting exchange(Call::fstatat, 1, When::Before, [&] {
+        fs::remove(in("file"));
+        write("file/.hidden");
+        fs::permissions(in("file"), fs::perms::owner_all);
+    });
+    EXPECT_THAT(remove(), Succeeds());
+    EXPECT_TRUE(exchange.happened());
+    EXPECT_EQ(modeOf(in("file")), 0700u);
+}
+
 // ---- What changes while the walk is on its way
 
 TEST_F(Removal, ADirectoryExchangedForALinkIsNotEntered)
