@@ -103,7 +103,7 @@ TEST_F(Removal, TakesAReadOnlyFile)
 
 TEST_F(Removal, TakesManyEntriesWithManyNames)
 {
-    for (int i = 0; i < 1500; ++i) {
+    for (int i = 0; i < 600; ++i) {
         write("file with a longer name " + std::to_string(i));
         makeDirectory("directory with a longer name " + std::to_string(i));
     }
