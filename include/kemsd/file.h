@@ -231,7 +231,7 @@ typedef struct KEM_FILEFINDINFO_T {
     char szFilePattern[KEM_FILEPATTERN_MAX]; /* pattern part of the search text */
     char szDirectory[KEM_FILEPATH_MAX];      /* directory part, ending with a slash */
     char szTmp[KEM_FILEPATTERN_MAX];         /* the current match's name, of a longer one its first 120 characters */
-    char* pszFileName;          /* after a match the whole name: szTmp, or findInfo.d_name if that is longer */
+    char* pszFileName;          /* the match's whole name: szTmp, or findInfo.d_name if that is longer; else null */
     KEM_ULONGLONG_T ulFileAttr; /* 0x4000 for a directory, 0x8000 for anything else */
     KEM_ULONGLONG_T ulFindAttr; /* the caller's attribute filter; stored, not applied */
     KEM_ULONGLONG_T fileSize;   /* bytes of a matched non-directory */
