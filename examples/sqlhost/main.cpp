@@ -31,6 +31,7 @@ struct Options {
     std::string directory;
     std::vector<std::string> statements;
     bool csv = false;
+    bool json = false;
     sqlhost::BackupOptions backup;
 };
 
@@ -81,6 +82,13 @@ void addMemory(CLI::App& app, Options& options)
         Server server(options.memoryFile, options.verbose, Engine::oneThread);
         reportMemory(server, options.database, options.workFile);
     });
+}
+
+void addInfo(CLI::App& app, Options& options)
+{
+    CLI::App* const command = app.add_subcommand("info", "Show the machine and this process as kemsd sees them");
+    command->add_flag("--json", options.json, "Print it as JSON");
+    command->final_callback([&options] { sqlhost::showInfo(options.json); });
 }
 
 // ---- The server and its clients ----------------------------------------------------------------------------------
@@ -148,12 +156,13 @@ int main(int argc, char** argv)
         ->type_name("FILE");
     app.add_flag("--verbose", options.verbose, "Show what start-up says");
     app.footer(
-        "\nsqlhost import DB TABLE FILE.csv\nsqlhost run DB [FILE.sql|-]\nsqlhost memory DB [FILE.sql|-]\n"
+        "\nsqlhost import DB TABLE FILE.csv\nsqlhost run DB [FILE.sql|-]\nsqlhost memory DB [FILE.sql|-]\nsqlhost "
+        "info\n"
         "\nsqlhost serve DIR\nsqlhost sql DIR [STATEMENT...]\nsqlhost import DIR TABLE FILE.csv\n"
         "sqlhost backup DIR DEST\nsqlhost status DIR\nsqlhost stop DIR");
     app.require_subcommand(1);
     app.fallthrough();
-    for (const auto add : {addImport, addRun, addMemory, addServe, addSql, addBackup, addStatus, addStop})
+    for (const auto add : {addImport, addRun, addMemory, addInfo, addServe, addSql, addBackup, addStatus, addStop})
         add(app, options);
     try {
         app.parse(argc, argv);
