@@ -23,4 +23,7 @@ void runSql(Server& server, const SqlModules& modules, const std::string& databa
 // Puts the database to work, with the statements of `file` or a workload of its own, and reports the memory in use.
 void reportMemory(Server& server, const std::string& database, const std::string& file);
 
+// Prints what kemsd tells about the machine and this process, as tables or as JSON.
+void showInfo(bool asJson);
+
 } // namespace sqlhost

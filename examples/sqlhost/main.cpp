@@ -32,6 +32,7 @@ struct Options {
     std::string directory;
     std::vector<std::string> statements;
     bool csv = false;
+    bool json = false;
     sqlhost::BackupOptions backup;
 };
 
@@ -91,6 +92,13 @@ void addMemory(CLI::App& app, Options& options)
         Server server(options.memoryFile, options.verbose, Engine::oneThread);
         reportMemory(server, options.database, options.workFile);
     });
+}
+
+void addInfo(CLI::App& app, Options& options)
+{
+    CLI::App* const command = app.add_subcommand("info", "Show the machine and this process as kemsd sees them");
+    command->add_flag("--json", options.json, "Print it as JSON");
+    command->final_callback([&options] { sqlhost::showInfo(options.json); });
 }
 
 // ---- The server and its clients ----------------------------------------------------------------------------------
@@ -166,12 +174,25 @@ int main(int argc, char** argv)
         ->type_name("FILE");
     app.add_flag("--verbose", options.verbose, "Show what start-up says");
     app.footer(
-        "\nsqlhost import DB TABLE FILE.csv\nsqlhost run DB [FILE.sql|-]\nsqlhost memory DB [FILE.sql|-]\n"
-        "\nsqlhost serve DIR\nsqlhost sql DIR [STATEMENT...]\nsqlhost shell DIR\nsqlhost import DIR TABLE FILE.csv\n"
-        "sqlhost backup DIR DEST\nsqlhost status DIR\nsqlhost stop DIR");
+        "
+sqlhost import DB TABLE FILE.csv
+sqlhost run DB [FILE.sql|-]
+sqlhost memory DB [FILE.sql|-]
+sqlhost info
+"
+        "
+sqlhost serve DIR
+sqlhost sql DIR [STATEMENT...]
+sqlhost shell DIR
+sqlhost import DIR TABLE FILE.csv
+"
+        "sqlhost backup DIR DEST
+sqlhost status DIR
+sqlhost stop DIR");
     app.require_subcommand(1);
     app.fallthrough();
-    for (const auto add : {addImport, addRun, addMemory, addServe, addSql, addShell, addBackup, addStatus, addStop})
+    for (const auto add :
+         {addImport, addRun, addMemory, addInfo, addServe, addSql, addShell, addBackup, addStatus, addStop})
         add(app, options);
     try {
         app.parse(argc, argv);
