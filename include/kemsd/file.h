@@ -546,7 +546,7 @@ KEM_API KEM_FUNC_M KemSdDirectIOFileSetEndOfFile(KEM_PSDCTX_T pSdCtx, KEM_FILEHD
                                                  KEM_ULONG_T ulNewFileEOFBlocks, KEM_PULONG_T pulSetFileEOFBlocks);
 
 /* The largest file in bytes: what the volume's file system allows by its number of file-size bits, or the process's
- * limit when that is lower. File systems of 53 bits and more, all usual ones, answer -1.0. SDSTS_INVALID_PARAM: a null
+ * limit when that is lower. File systems of 53 bits and more, the usual ones, answer -1.0. SDSTS_INVALID_PARAM: a null
  * name. SDSTS_DIO_MAX_FILE_SIZE: the file system's limit is not known and counts as 0.0, or the process's is not known
  * and nothing is stored. */
 KEM_API KEM_FUNC_M KemSdDirectIOMaxFileSizeGet(KEM_PSDCTX_T pSdCtx, const char* pszVolumeName,
