@@ -29,7 +29,7 @@ void setSwitches()
     KemSdSetMmapAllocCfg(FALSE);
     KemSdSetMemProtectCfg(FALSE);
     KemSdSetFailoverModeFlag(FALSE);
-    KemSdSetFileLockingMode(KEM_FILE_LOCKING_ADVISORY);
+    KemSdSetFileLockingMode(KEM_FILE_LOCK_ADVISORY);
     KemSdSetHardwareAcceleration(FALSE);
     KemSdSetAppFolderName(applicationName);
     registerThreadHooks();
