@@ -12,6 +12,7 @@
 #include "client/commands.h"
 #include "commands.h"
 #include "serve/service.h"
+#include "sqlvfs.h"
 #include "text.h"
 #include "wire/protocol.h"
 
@@ -31,6 +32,7 @@ struct Options {
     std::string directory;
     std::vector<std::string> statements;
     bool csv = false;
+    bool mapped = false;
     sqlhost::BackupOptions backup;
 };
 
@@ -39,6 +41,11 @@ void useUtf8()
 {
     setlocale(LC_CTYPE, "");
     if (strcmp(nl_langinfo(CODESET), "UTF-8") != 0) setlocale(LC_CTYPE, "C.UTF-8");
+}
+
+void addMapped(CLI::App& command, Options& options)
+{
+    command.add_flag("--mapped", options.mapped, "Read the database through a mapping of its file");
 }
 
 // ---- Commands on a database file ---------------------------------------------------------------------------------
@@ -66,7 +73,9 @@ void addRun(CLI::App& app, Options& options)
     command->add_option("DB", options.database, "Database file")->required();
     command->add_option("FILE.sql", options.sqlFile, "File with statements, - for standard input (the default)");
     command->add_flag("--csv", options.csv, "Print results as CSV");
+    addMapped(*command, options);
     command->final_callback([&options] {
+        if (options.mapped) sqlhost::readDatabasesMapped();
         Server server(options.memoryFile, options.verbose, Engine::oneThread);
         runSql(server, options.database, options.sqlFile, options.csv);
     });
@@ -96,7 +105,9 @@ void addServe(CLI::App& app, Options& options)
 {
     CLI::App* const command =
         addServerCommand(app, options, "serve", "Serve the database of a directory, made when missing, until stopped");
+    addMapped(*command, options);
     command->final_callback([&options] {
+        if (options.mapped) sqlhost::readDatabasesMapped();
         Server server(options.memoryFile, options.verbose, Engine::manyThreads);
         sqlhost::Service(server, options.directory).run();
     });
