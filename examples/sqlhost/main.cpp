@@ -12,6 +12,7 @@
 #include "client/commands.h"
 #include "commands.h"
 #include "serve/service.h"
+#include "sqlvfs.h"
 #include "text.h"
 #include "wire/protocol.h"
 
@@ -33,6 +34,7 @@ struct Options {
     std::vector<std::string> statements;
     bool csv = false;
     bool json = false;
+    bool mapped = false;
     sqlhost::BackupOptions backup;
 };
 
@@ -41,6 +43,11 @@ void useUtf8()
 {
     setlocale(LC_CTYPE, "");
     if (strcmp(nl_langinfo(CODESET), "UTF-8") != 0) setlocale(LC_CTYPE, "C.UTF-8");
+}
+
+void addMapped(CLI::App& command, Options& options)
+{
+    command.add_flag("--mapped", options.mapped, "Read the database through a mapping of its file");
 }
 
 // ---- Commands on a database file ---------------------------------------------------------------------------------
@@ -76,7 +83,9 @@ void addRun(CLI::App& app, Options& options)
     command->add_option("FILE.sql", options.sqlFile, "File with statements, - for standard input (the default)");
     command->add_flag("--csv", options.csv, "Print results as CSV");
     addModules(*command, options);
+    addMapped(*command, options);
     command->final_callback([&options] {
+        if (options.mapped) sqlhost::readDatabasesMapped();
         Server server(options.memoryFile, options.verbose, Engine::oneThread);
         const sqlhost::SqlModules modules(server.context(), options.modules);
         runSql(server, modules, options.database, options.sqlFile, options.csv);
@@ -115,7 +124,9 @@ void addServe(CLI::App& app, Options& options)
     CLI::App* const command =
         addServerCommand(app, options, "serve", "Serve the database of a directory, made when missing, until stopped");
     addModules(*command, options);
+    addMapped(*command, options);
     command->final_callback([&options] {
+        if (options.mapped) sqlhost::readDatabasesMapped();
         Server server(options.memoryFile, options.verbose, Engine::manyThreads);
         const sqlhost::SqlModules modules(server.context(), options.modules);
         sqlhost::Service(server, modules, options.directory).run();
