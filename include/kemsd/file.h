@@ -249,8 +249,8 @@ KEM_API KEM_FUNC_M KemSdFileFindFirst(KEM_PSDCTX_T pSdCtx, const char* pszFilePa
  * reader's result. SDSTS_FILE_FIND_NEXT: it could not be looked at. */
 KEM_API KEM_FUNC_M KemSdFileFindNext(KEM_PSDCTX_T pSdCtx, KEM_PFILEFINDINFO_T pFileFindInfo);
 
-/* Ends the search. Not guarded. SDSTS_INVALID_PARAM: null. SDSTS_FILE_FIND_CLOSE: no search runs (osRetCode is EFAULT)
- * or the stream could not be closed (errno). */
+/* Ends the search. Not guarded. SDSTS_INVALID_PARAM: null. SDSTS_FILE_FIND_CLOSE: no search runs, as after a first close
+ * (osRetCode is EFAULT), or the stream could not be closed (errno). */
 KEM_API KEM_FUNC_M KemSdFileFindClose(KEM_PSDCTX_T pSdCtx, KEM_PFILEFINDINFO_T pFileFindInfo);
 
 /* What FindFirst and FindNext do inside: the next name of the record's open stream that its pattern matches, or equals,
@@ -261,11 +261,12 @@ KEM_API KEM_FUNC_M KemSdFileFindClose(KEM_PSDCTX_T pSdCtx, KEM_PFILEFINDINFO_T p
 KEM_API KEM_FUNC_M KemSdFileMatch(KEM_PSDCTX_T pSdCtx, KEM_PFILEFINDINFO_T pFileFindInfo);
 
 /* Collects the paths (directory part and name) of all matches. *paszFilePaths becomes an array of *puNumFound paths,
- * owned by pUniqueAddress as in ovMalloc, for KemSdFileFreeNames. szParentPath is ignored: the directory stands in
- * szFileSpec. Nothing found, a directory that cannot be opened or read, and a search text that does not fit are
- * successes with no paths or those found so far. A match that cannot be looked at ends the collection with its status.
- * SDSTS_INVALID_PARAM: szFileSpec or an output is null. Otherwise the status of a failed allocation or match; both
- * outputs are then zero. */
+ * owned by pUniqueAddress as in ovMalloc, for KemSdFileFreeNames, which ignores the null that stands for no paths.
+ * szParentPath is ignored: the directory stands in szFileSpec. Nothing found, a directory that cannot be opened or
+ * read, a first match that cannot be looked at, and a search text that does not fit are successes, with the paths found
+ * so far. The search steps run the lease guard.
+ * SDSTS_INVALID_PARAM: szFileSpec or an output is null. Otherwise the status of a failed allocation, or
+ * SDSTS_FILE_FIND_NEXT for a later match that cannot be looked at; both outputs are then zero. */
 KEM_API KEM_FUNC_M KemSdFileFind(void* pUniqueAddress, KEM_PSDCTX_T pSdCtx, const char* szParentPath,
                                  const char* szFileSpec, KEM_ULONG_T uFileAttrs, KEM_STR_T** paszFilePaths,
                                  KEM_PUINT_T puNumFound);
@@ -281,7 +282,8 @@ typedef struct _fileList {
 
 /* Copies the current match of a search into the list: with bAlloc into a new node, which becomes fileList's next in
  * place of whatever followed (so fileList is the list's tail), else into fileList itself, whose next becomes null.
- * Returns 0, or 1: a null pointer, a record without a match, no memory. */
+ * Returns 0, or 1, with nothing changed: a null pointer, a record without a match, a name of more than 1028 characters,
+ * no memory. */
 KEM_API int KemSdAddFileListItem(KEM_PFILE_LIST fileList, KEM_PFILEFINDINFO_T fileinfo, KEM_BOOL_T bAlloc);
 /* Frees all nodes behind fileList, which stays; null does nothing. Always 0. */
 KEM_API int KemSdDeleteFileListItems(KEM_PFILE_LIST fileList);
@@ -308,17 +310,19 @@ KEM_API OV_STS_T ovMatchFile(OV_FINDINFO_T* pFindInfo, const char* filepattern, 
 /* Makes a directory, open to all that the umask leaves. Guarded. SDSTS_INVALID_PARAM: null. SDSTS_DIR_CREATE: refused,
  * also when it exists. */
 KEM_API KEM_FUNC_M KemSdDirCreate(KEM_PSDCTX_T pSdCtx, const char* pszDirName);
-/* The same, but what exists already, of whatever kind, is a success. */
+/* The same, but what exists already, of whatever kind, or comes into being meanwhile, is a success. */
 KEM_API KEM_FUNC_M KemSdDirCreateEx(KEM_PSDCTX_T pSdCtx, const char* path);
 /* Makes every directory that is missing along the path. The first failure of KemSdDirCreateEx; or 1, no status and not
  * stored in the context, for a null path and one longer than 1029 characters. */
 KEM_API KEM_FUNC_M KemSdCreatePath(KEM_PSDCTX_T pSdCtx, const char* path);
 
 /* Removes a directory with all that is in it. Names that begin with "." are not found: they stay, and with them the
- * directory, and the answer is 0 all the same. A file that is write-protected is made writable (0664) first; a symbolic
- * link goes, what it leads to is never touched. The first thing that cannot be removed stops the walk. Guarded.
- * SDSTS_INVALID_PARAM: null, or a name that KemSdIsSafeToDelete refuses. SDSTS_DIR_REMOVE: something could not be read
- * or removed; ENAMETOOLONG for a path beyond 1028 characters. */
+ * directory, and the answer is 0 all the same. A file whose removal is not permitted is made writable (0664) and tried
+ * again. A symbolic link goes, pszDirName itself included; what it leads to is never touched. What goes by another hand
+ * meanwhile is no failure. The first thing that cannot be removed stops the walk. Guarded.
+ * SDSTS_INVALID_PARAM: null, or a name that KemSdIsSafeToDelete refuses. SDSTS_DIR_REMOVE: there is no such directory,
+ * something could not be read or removed (errno), a path is longer than 1028 characters (ENAMETOOLONG), a directory was
+ * moved away under the walk (ESTALE), or there is no memory (ENOMEM). */
 KEM_API KEM_FUNC_M KemSdDirRemove(KEM_PSDCTX_T pSdCtx, const char* pszDirName);
 /* TRUE when the name is neither null nor empty. */
 KEM_API KEM_BOOL_T KemSdIsSafeToDelete(const char* pszDirName);
@@ -351,8 +355,9 @@ KEM_API KEM_STR_T KemSdFileGetExtension(const char* szFilePath, KEM_BOOL_T bIncl
 KEM_API KEM_FUNC_M KemSdFileGetCanonicalPath(const char* szPath, KEM_INT_T iCanonPathSize, KEM_STR_T szCanonPath);
 
 /* The login name of the session, else the name of the effective user; *sizeBuf is its length. No bound is applied to
- * the buffer. SDSTS_INVALID_PARAM: a null output. SDSTS_NO_LOGIN_NAME: neither is known; *sizeBuf is 0 and the first 8
- * bytes of the buffer are zero. */
+ * the buffer. SDSTS_INVALID_PARAM: a null output. SDSTS_NO_LOGIN_NAME: neither is known; osRetCode is
+ * why the user could not be looked up, 0 when there is none of that id; *sizeBuf is 0 and the first 8 bytes of the
+ * buffer are zero. */
 KEM_API KEM_FUNC_M KemSdGetSessionLoginUsername(KEM_PSDCTX_T pSdCtx, KEM_STR_T pszLoginUsername, KEM_SIZE_T* sizeBuf);
 
 /* ---- Mapped files -----------------------------------------------------------------------------------------------
@@ -472,7 +477,7 @@ KEM_API KEM_FUNC_M KemSdMMAPFileClose(KEM_PSDCTX_T pSdCtx, KEM_MMAPFILEHDL_T hFi
  *     if (sts == SDSTS_DIO_READ_PENDING) sts = KemSdDirectIOWait(ctx, file, &request, &blocks);
  *
  * Until the wait has collected a request, its buffer and its control block must stay as they are. Any thread may call;
- * a control block is one request's. osRetCode is errno after a failure, else 0. A null output gives
+ * a control block is one request's. osRetCode is errno after a failure, else 0. A null buffer or output gives
  * SDSTS_INVALID_PARAM. All calls are guarded but the close and those on arrays of control blocks. */
 
 /* The system's control block of a request; zero it before its first use. */
@@ -506,15 +511,16 @@ KEM_API KEM_FUNC_M KemSdDirectIOFileRead(KEM_PSDCTX_T pSdCtx, KEM_FILEHDL_T hFil
                                          KEM_PVOID_T pBuffer, KEM_ULONG_T ulBlocks, KEM_PNOWAITIO_CB_T pNoWaitCb,
                                          KEM_PULONG_T pulBlocksRead, KEM_PMUTEXHDL_T prwMutex);
 
-/* Writes likewise. SDSTS_FILE_WRITE: failed, or not one block could be written; count 0. Queued:
+/* Writes likewise. SDSTS_FILE_WRITE: failed, a full disk included, or not one whole block was written; count 0. Queued:
  * SDSTS_DIO_WRITE_PENDING, no failure, count 0; SDSTS_DIO_WRITE: refused, count 0xFFFFFFFF. */
 KEM_API KEM_FUNC_M KemSdDirectIOFileWrite(KEM_PSDCTX_T pSdCtx, KEM_FILEHDL_T hFile, KEM_ULONG_T ulOffsetBlocks,
                                           KEM_PVOID_T pBuffer, KEM_ULONG_T ulBlocks, KEM_PNOWAITIO_CB_T pNoWaitCb,
                                           KEM_PULONG_T pulBlocksWritten, KEM_PPMUTEXHDL_T pprwMutex);
 
-/* Waits until a queued request has ended; *pulBlocksRW is the number of whole blocks moved. hFile is ignored.
- * SDSTS_INVALID_PARAM: a null control block. SDSTS_DIO_SUSPEND: waiting failed. SDSTS_DISK_FULL, SDSTS_DIO_RETURN: the
- * request failed; osRetCode is its own error number. A request is collected once. */
+/* Waits until a queued request has ended; *pulBlocksRW is the number of whole blocks moved, fewer than asked at the end
+ * of the file or of the disk, and is left alone by a failure. hFile is ignored. A request is collected once.
+ * SDSTS_INVALID_PARAM: a null control block. SDSTS_DIO_SUSPEND: waiting failed, the request is still out.
+ * SDSTS_DISK_FULL (ENOSPC), SDSTS_DIO_RETURN: the request failed; osRetCode is its own error number. */
 KEM_API KEM_FUNC_M KemSdDirectIOWait(KEM_PSDCTX_T pSdCtx, KEM_FILEHDL_T hFile, KEM_PNOWAITIO_CB_T pNoWaitCb,
                                      KEM_PULONG_T pulBlocksRW);
 

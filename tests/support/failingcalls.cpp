@@ -82,6 +82,7 @@ Moment intervalAsked;
 Moment standing; // where the real-time clock stands still
 std::atomic<bool> standsStill{false};
 std::atomic<long> stray{0};
+std::atomic<bool> kindsHidden{false};
 
 std::vector<int64_t> plannedTimes; // changed while one thread runs, read by one at a time
 std::atomic<size_t> timesRead{0};
@@ -261,6 +262,10 @@ ClockAt::ClockAt(time_t seconds, long nanoseconds)
 
 ClockAt::~ClockAt() { standsStill = false; }
 
+KindsHidden::KindsHidden() { kindsHidden = true; }
+
+KindsHidden::~KindsHidden() { kindsHidden = false; }
+
 long strayCloses() { return stray; }
 
 PlannedTimes::PlannedTimes(std::vector<int64_t> nanoseconds)
@@ -394,6 +399,21 @@ int __wrap_close(int fd)
     const int result = __real_close(fd);
     if (result == -1 && errno == EBADF && fd != -1) stray.fetch_add(1);
     return result;
+}
+
+ssize_t __real_getdents64(int fd, void* entries, size_t bytes);
+
+ssize_t __wrap_getdents64(int fd, void* entries, size_t bytes)
+{
+    const Passage passage(Call::getdents64);
+    if (fails(Call::getdents64)) return failedResult<ssize_t>(Call::getdents64, Failure::Minus1);
+    const ssize_t filled = __real_getdents64(fd, entries, bytes);
+    for (ssize_t at = 0; kindsHidden && at < filled;) {
+        auto* entry = reinterpret_cast<dirent64*>(static_cast<char*>(entries) + at);
+        entry->d_type = DT_UNKNOWN;
+        at += entry->d_reclen;
+    }
+    return filled;
 }
 
 int __wrap_clock_gettime(clockid_t clock, timespec* now)

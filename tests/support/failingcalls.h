@@ -92,6 +92,15 @@ public:
     ClockAt& operator=(const ClockAt&) = delete;
 };
 
+// While it lives, getdents64 tells of no entry what kind it is, as some file systems do.
+class KindsHidden {
+public:
+    KindsHidden();
+    ~KindsHidden();
+    KindsHidden(const KindsHidden&) = delete;
+    KindsHidden& operator=(const KindsHidden&) = delete;
+};
+
 // Closes of what was not open, -1 excepted, since the last resetCalls(): a second close of a descriptor.
 long strayCloses();
 
