@@ -1,16 +1,15 @@
 // File reads and writes in the page cache. The floor is the system call, and so is the only peer; of a leased write it
 // is the same write without a lease.
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
 #include <kemsd/file.h>
 #include <kemsd/memory.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <string>
 #include <vector>
 
+#include "support/memoryfile.h"
 #include "support/report.h"
 
 namespace kemsd::bench {
@@ -21,19 +20,6 @@ constexpr unsigned kBlocks = 1024;
 
 int file = -1;
 alignas(4096) char buffer[kBytes];
-
-// In memory where the system offers it, with no name left behind.
-bool openFile()
-{
-    for (const char* place : {"/dev/shm/kemsd-bench-XXXXXX", "/tmp/kemsd-bench-XXXXXX"}) {
-        std::string path = place;
-        file = mkstemp(path.data());
-        if (file == -1) continue;
-        unlink(path.c_str());
-        return posix_fallocate(file, 0, off_t{kBytes} * kBlocks) == 0;
-    }
-    return false;
-}
 
 // Each operation moves one block at that place, or at the file's position, and tells whether it moved it whole.
 
@@ -145,7 +131,8 @@ void addBenchmarks()
 int main(int argc, char** argv)
 {
     using namespace kemsd::bench;
-    if (!openFile()) {
+    file = openMemoryFile(off_t{kBytes} * kBlocks);
+    if (file == -1) {
         perror("no file to work on");
         return 1;
     }

@@ -151,9 +151,10 @@ KEM_API KEM_FUNC_M KemSdFileCloseAllButNoStd(KEM_PSDCTX_T pSdCtx);
  * One record lock over the whole of a file, however far it grows, taken without waiting. The mode of the process
  * (KemSdSetFileLockingMode) says what stands behind it:
  *
- *     KEM_FILE_LOCK_MANDATORY     the file is marked first, so that the kernel enforces the lock on every read and
- * write KEM_FILE_LOCK_ADVISORY      a plain record lock; KEM_FILE_LOCK_NOTSET is the same KEM_FILE_LOCK_NONE nothing:
- * both calls run the lease guard and succeed
+ *     KEM_FILE_LOCK_ADVISORY     a plain record lock
+ *     KEM_FILE_LOCK_NOTSET       the same
+ *     KEM_FILE_LOCK_MANDATORY    the file is marked first, so that the kernel enforces the lock on reads and writes
+ *     KEM_FILE_LOCK_NONE         nothing: both calls run the lease guard and succeed
  *
  * In failover mode they do the same as in NONE: there the lease takes the place of the lock. Example:
  *
@@ -377,6 +378,8 @@ KEM_API KEM_FUNC_M KemSdGetSessionLoginUsername(KEM_PSDCTX_T pSdCtx, KEM_STR_T p
  *   - SDSTS_INVALID_PARAM: a null handle, buffer or result (an error-number output may be null);
  *   - a handle without file or mapping is refused: reads and seeks with SDSTS_FILE_READ, writes with SDSTS_FILE_WRITE;
  *   - bytes behind the mapping do not exist: reads end there, writes that would pass it copy nothing;
+ *   - the file's length is what this handle has seen or set: where another process has cut the file since, a copy
+ *     raises SIGBUS, and holes that the file had at the open take their space from the disk when they are written;
  *   - osRetCode is 0 after reads and seeks, in plain mode too (and after a plain-mode flush), and errno of what failed
  *     after the others. */
 
@@ -429,9 +432,10 @@ KEM_API KEM_FUNC_M KemSdMMAPFileRead(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T phF
 KEM_API KEM_FUNC_M KemSdMMAPFilePRead(KEM_PSDCTX_T pSdCtx, KEM_MMAPFILEHDL_T hFile, KEM_PVOID_T pvData,
                                       KEM_LONG_T lFileOffset, KEM_UINT_T nBytesToRead, KEM_PUINT_T pnBytesRead);
 
-/* Write all bytes at the position, which moves, or at lFileOffset (there offset plus count is a 32-bit sum); the file
- * grows as it was told to. Guarded. SDSTS_FILE_WRITE: see above, a negative position or offset, growth beyond the
- * maximum; SDSTS_DISK_FULL, SDSTS_FILE_SET_EOF: the growth failed. Nothing is written then. */
+/* Write all bytes at the position, which moves, or at lFileOffset; the file grows as it was told to, for a count of 0
+ * behind its end too. Guarded, and once more where it grows. SDSTS_FILE_WRITE: see above, a negative position or
+ * offset, growth beyond the maximum; SDSTS_DISK_FULL, SDSTS_FILE_SET_EOF: the growth failed. Nothing is written then.
+ */
 KEM_API KEM_FUNC_M KemSdMMAPFileWrite(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T phFile, KEM_PVOID_T pvBuf,
                                       KEM_UINT_T uiCnt, KEM_PINT_T piWritten);
 KEM_API KEM_FUNC_M KemSdMMAPFilePWrite(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T phFile, KEM_PVOID_T pvData,
@@ -447,8 +451,8 @@ KEM_API KEM_FUNC_M KemSdMMAPFileLSeek(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T ph
  * SDSTS_INVALID_PARAM: no mapping. SDSTS_FILE_FLUSH: failed. */
 KEM_API KEM_FUNC_M KemSdMMAPFileFlush(KEM_PSDCTX_T pSdCtx, KEM_INT_T flag, KEM_MMAPFILEHDL_T hFile);
 
-/* As KemSdFileSetEndOfFile; the handle's size follows, position and mapping stay. SDSTS_INVALID_PARAM without storing
- * it in the context: a handle without file or mapping. */
+/* As KemSdFileSetEndOfFile, but what the file grows by is reserved as below; the handle's size follows, position and
+ * mapping stay. SDSTS_INVALID_PARAM without storing it in the context: a handle without file or mapping. */
 KEM_API KEM_FUNC_M KemSdMMAPFileSetEndOfFile(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T phFile,
                                              KEM_LONG_T lNewFileEOFBytes, KEM_PLONG_T plSetFileEOFBytes,
                                              KEM_POSRETCODE_T pOsRetCode);

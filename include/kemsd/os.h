@@ -219,22 +219,25 @@ KEM_API KEM_FUNC_M KemSdOSInfoGet(KEM_PSDCTX_T pSdCtx, KEM_POSINFO_T pOSInfo);
 KEM_API KEM_FUNC_M KemSdDrivesGet(KEM_PSDCTX_T pSdCtx, KEM_PDRIVES_T pDrives);
 
 /* Writes a drive's mount directory, cut to sizeBuf - 1 characters. The ordinal (1 to 32), the buffer and a size above 0
- * are asserted. Guarded. SDSTS_OSR_DRIVE_NAME: there is no such drive. */
+ * are asserted. Guarded. SDSTS_OSR_DRIVE_NAME: there is no such drive; osRetCode is whatever errno holds
+ * where /etc/fstab can be read but has fewer entries. */
 KEM_API KEM_FUNC_M KemSdDriveOrdinalToName(KEM_PSDCTX_T pSdCtx, KEM_ULONG_T ulOrdinal, KEM_SIZE_T sizeBuf,
                                            KEM_STR_T pszDriveName);
 
 /* Fills the record of one drive; the ordinal (1 to 32) and the record are asserted. Fixed drives are those of ext2 and
- * ext3, remote ones of nfs. Guarded. SDSTS_OSR_DRIVE_INFO: there is no such drive. */
+ * ext3, remote ones of nfs. Guarded. SDSTS_OSR_DRIVE_INFO: there is no such drive; osRetCode as for its name. */
 KEM_API KEM_FUNC_M KemSdDriveInfoGet(KEM_PSDCTX_T pSdCtx, KEM_ULONG_T ulOrdinal, KEM_PDRIVEINFO_T pDriveInfo);
 
-/* Fills the records of the first ulCnt drives. Asserted. The first failure of KemSdDrivesGet or KemSdDriveInfoGet. */
+/* Fills the records of the first ulCnt drives, of all when there are fewer. Asserted. The first failure of
+ * KemSdDrivesGet or KemSdDriveInfoGet. */
 KEM_API KEM_FUNC_M KemSdDriveInfoArrGet(KEM_PSDCTX_T pSdCtx, KEM_ULONG_T ulCnt, KEM_PDRIVEINFO_T pDriveInfoArr);
 
 /* "Unknown", "Removable", "Fixed", "RAM" or "Remote" for 0 to 4; no other index is allowed. */
 KEM_API const char* KemSdDriveTypeAsString(KEM_ULONG_T DriveType);
 
 /* The bytes that KemSdOSResourcesGet needs, and that call: sizeBuf bytes are cleared and filled. Asserted.
- * SDSTS_OSR_BUFFER_SMALL: sizeBuf is less. Otherwise the first failure of the calls above and of the clock's. */
+ * SDSTS_OSR_BUFFER_SMALL (osRetCode 0): sizeBuf is less. Otherwise the first failure of the calls above and of the
+ * clock's. */
 KEM_API KEM_FUNC_M KemSdOSResourcesSizeGet(KEM_PSDCTX_T pSdCtx, size_t* pSizeOSResource);
 KEM_API KEM_FUNC_M KemSdOSResourcesGet(KEM_PSDCTX_T pSdCtx, KEM_SIZE_T sizeBuf, KEM_POSRESOURCES_T pOSResources);
 
@@ -338,7 +341,8 @@ typedef enum PROC_STATUS {
  * SDSTS_INVALID_PARAM: null. */
 KEM_API KEM_FUNC_M setUserIds(KEM_PSDCTX_T pSdCtx, const char* userName);
 
-/* Makes path the root directory. The system's result, 0 or -1, also in the context; osRetCode is errno. Guarded. */
+/* Makes path the root directory. The system's result, 0 or -1, also in the context; osRetCode is whatever errno
+ * holds. Guarded. SDSTS_INVALID_PARAM: null. */
 KEM_API KEM_FUNC_M KemChroot(KEM_PSDCTX_T pSdCtx, const char* path);
 
 /* ---- The process-wide thread-local slot ------------------------------------------------------------------------

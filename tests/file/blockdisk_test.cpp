@@ -22,20 +22,29 @@ namespace {
 constexpr KEM_ULONG_T kBlock = KEM_BLOCK_SIZE;
 constexpr int kNoDisk = 77;
 
+bool writeText(const char* path, const std::string& text)
+{
+    const int file = open(path, O_WRONLY);
+    if (file == -1) return false;
+    const bool written = write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    close(file);
+    return written;
+}
+
+// For whoever may not mount: becomes the root of name spaces of its own.
+bool becomeRoot()
+{
+    const std::string user = "0 " + std::to_string(geteuid()) + " 1", group = "0 " + std::to_string(getegid()) + " 1";
+    return unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0 && writeText("/proc/self/setgroups", "deny") &&
+           writeText("/proc/self/uid_map", user) && writeText("/proc/self/gid_map", group);
+}
+
 // Mounts a disk of so many bytes there, for this process alone.
 bool mountDisk(const std::string& place, size_t bytes)
 {
-    if (unshare(CLONE_NEWNS) != 0) {
-        const std::string map = "0 " + std::to_string(geteuid()) + " 1";
-        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
-        const int mapping = open("/proc/self/uid_map", O_WRONLY);
-        if (mapping == -1) return false;
-        const bool mapped = write(mapping, map.data(), map.size()) == static_cast<ssize_t>(map.size());
-        close(mapping);
-        if (!mapped) return false;
-    }
-    const std::string size = "size=" + std::to_string(bytes) + ",mode=777";
-    return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+    const std::string size = "size=" + std::to_string(bytes);
+    return (unshare(CLONE_NEWNS) == 0 || becomeRoot()) &&
+           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
            mount("none", place.c_str(), "tmpfs", 0, size.c_str()) == 0;
 }
 

@@ -47,14 +47,27 @@ protected:
         return host(arguments);
     }
 
-    // A backup that has paused writing and stands still in the middle of its copy.
-    std::unique_ptr<Background> heldBackup(const std::string& destination, const std::string& limit = "3600") const
+    // A backup to which that happens at one of its requests (requests.cpp).
+    std::vector<std::string> watchedBackup(const std::string& what, const std::string& destination,
+                                           const std::string& limit = "3600") const
     {
         const char* const sanitizer = getenv("ASAN_OPTIONS");
-        auto backup = std::make_unique<Background>(std::vector<std::string>{
-            "/usr/bin/env", "LD_PRELOAD=" STOP_IN_PAUSE,
-            "ASAN_OPTIONS=" + std::string(sanitizer ? sanitizer : "") + ":verify_asan_link_order=0", SQLHOST, "backup",
-            "--limit", limit, directory(), destination});
+        return {"/usr/bin/env",
+                "LD_PRELOAD=" REQUESTS,
+                "AT_REQUEST=" + what,
+                "ASAN_OPTIONS=" + std::string(sanitizer ? sanitizer : "") + ":verify_asan_link_order=0",
+                SQLHOST,
+                "backup",
+                "--limit",
+                limit,
+                directory(),
+                destination};
+    }
+    // A backup that has paused writing and stands still in the middle of its copy, or has not yet and does.
+    std::unique_ptr<Background> heldBackup(const std::string& destination, const std::string& limit = "3600",
+                                           const std::string& where = "stop") const
+    {
+        auto backup = std::make_unique<Background>(watchedBackup(where, destination, limit));
         int status = 0;
         EXPECT_EQ(backup->pid(), waitpid(backup->pid(), &status, WUNTRACED));
         EXPECT_TRUE(WIFSTOPPED(status)) << status;
@@ -185,6 +198,42 @@ TEST_F(SqlBackup, CopiesInQuickSuccessionAreAllWhole)
         expectIntact(copy());
         EXPECT_EQ("1", PlainDatabase(copy()).value("SELECT coalesce(sum(x),0)=0 FROM t"));
     }
+}
+
+// ---- What is copied, and how -------------------------------------------------------------------------------------
+
+TEST_F(SqlBackup, OnlyWhatHasChangedIsCopiedUnderThePause)
+{
+    auto backup = heldBackup(copy(), "3600", "stop-first");
+    EXPECT_EQ("going on", status("writes"));
+    sql({"INSERT INTO t VALUES('meanwhile')"}); // on the second page; the first one counts the changes
+    backup->signal(SIGCONT);
+    const Ended ended = backup->wait();
+    EXPECT_EQ(0, ended.status);
+    const auto pieces = std::to_string((fs::file_size(copy()) + 65535) / 65536 + 1);
+    EXPECT_EQ(pieces + " writes, 1 under the pause\n", ended.err);
+    EXPECT_EQ("meanwhile", PlainDatabase(copy()).value("SELECT x FROM t"));
+    expectIntact(copy());
+}
+
+TEST_F(SqlBackup, FileOfEveryLengthIsCopiedToItsLastByte)
+{
+    const std::string file = directory() + "/database.db";
+    const auto expectSame = [&] {
+        EXPECT_EQ(0, backUp({"--force"}).status);
+        EXPECT_EQ(0, std::system(("cmp '" + file + "' '" + copy() + "'").c_str())) << fs::file_size(file);
+    };
+    expectSame();
+    // Grows by pages of half a block, beyond some pieces, and shrinks again.
+    for (int i = 0; i < 5; ++i) {
+        sql({"INSERT INTO bulk VALUES(randomblob(3000))"});
+        expectSame();
+    }
+    sql({"INSERT INTO bulk VALUES(randomblob(300000))"});
+    expectSame();
+    sql({"DELETE FROM bulk; VACUUM"});
+    expectSame();
+    EXPECT_LT(fs::file_size(copy()), 65536u);
 }
 
 // ---- Backups that die or hang ------------------------------------------------------------------------------------
@@ -423,16 +472,37 @@ TEST_F(SqlBackup, FullDiskIsSaidAndLeavesNothing)
 {
     const std::string disk = path("disk");
     fs::create_directory(disk);
-    // A disk of 1 MiB, in a name space of its own; 77 says that there is none to be had.
-    const Ended ended = runProgram({"unshare", "-rm", "/bin/sh", "-c",
-                                    "mount -t tmpfs -o size=1m none \"$2\" || exit 77; "
-                                    "\"$0\" backup \"$1\" \"$2/copy.db\"; echo $?; ls -A \"$2\"",
-                                    SQLHOST, directory(), disk});
-    const bool none = ended.status == 77 || ended.err.starts_with("unshare");
-    if (none) GTEST_SKIP() << "cannot mount a small disk: " << ended.err;
-    EXPECT_EQ("1\n", ended.out);
-    EXPECT_THAT(ended.err, AllOf(StartsWith("sqlhost: cannot write " + disk + "/copy.db"),
-                                 HasSubstr(": No space left on device\n")));
+    // In a name space of its own; 77 says that there is no such disk to be had. The second one fills up in the middle
+    // of a block.
+    for (const std::string size : {"1024k", "1004k"}) {
+        const Ended ended = runProgram({"unshare", "-rm", "/bin/sh", "-c",
+                                        "mount -t tmpfs -o size=$3 none \"$2\" || exit 77; "
+                                        "\"$0\" backup \"$1\" \"$2/copy.db\"; echo $?; ls -A \"$2\"",
+                                        SQLHOST, directory(), disk, size});
+        const bool none = ended.status == 77 || ended.err.starts_with("unshare");
+        if (none) GTEST_SKIP() << "cannot mount a small disk: " << ended.err;
+        EXPECT_EQ("1\n", ended.out);
+        EXPECT_THAT(ended.err, AllOf(StartsWith("sqlhost: cannot write " + disk + "/copy.db"),
+                                     HasSubstr(": No space left on device\n")));
+    }
+    expectAllIsWell();
+}
+
+TEST_F(SqlBackup, RequestThatFailsIsSaidAndLeavesNothing)
+{
+    struct Case {
+        const char* what;
+        std::string begin, end;
+    };
+    for (const Case& c :
+         {Case{"fail-read", "cannot read " + directory() + "/database.db", ": Input/output error\n"},
+          {"fail-write", "cannot write " + copy() + ".part-", ": Input/output error\n"},
+          {"refuse-write", "cannot write " + copy() + ".part-", ": Resource temporarily unavailable\n"}}) {
+        const Ended ended = runProgram(watchedBackup(c.what, copy()));
+        EXPECT_EQ(1, ended.status) << c.what;
+        EXPECT_THAT(ended.err, AllOf(StartsWith("sqlhost: " + c.begin), HasSubstr(c.end)));
+        expectNoCopy();
+    }
     expectAllIsWell();
 }
 

@@ -84,6 +84,18 @@ std::atomic<bool> standsStill{false};
 std::atomic<long> stray{0};
 std::atomic<bool> kindsHidden{false};
 
+// Where the opens of a path go. Changed while one thread runs.
+struct Redirection {
+    std::string from, to;
+};
+Redirection redirections[static_cast<size_t>(Call::count)];
+
+const char* redirected(Call call, const char* path)
+{
+    const Redirection& to = redirections[static_cast<size_t>(call)];
+    return !to.from.empty() && to.from == path ? to.to.c_str() : path;
+}
+
 std::vector<int64_t> plannedTimes; // changed while one thread runs, read by one at a time
 std::atomic<size_t> timesRead{0};
 
@@ -266,6 +278,13 @@ KindsHidden::KindsHidden() { kindsHidden = true; }
 
 KindsHidden::~KindsHidden() { kindsHidden = false; }
 
+Redirected::Redirected(Call call, std::string from, std::string to) : call_(call)
+{
+    redirections[static_cast<size_t>(call)] = {std::move(from), std::move(to)};
+}
+
+Redirected::~Redirected() { redirections[static_cast<size_t>(call_)] = {}; }
+
 long strayCloses() { return stray; }
 
 PlannedTimes::PlannedTimes(std::vector<int64_t> nanoseconds)
@@ -339,6 +358,23 @@ int __real_gettimeofday(timeval* now, void* zone);
 int __real_close(int fd);
 int __real_clock_gettime(clockid_t clock, timespec* now);
 int __real_semtimedop(int id, sembuf* operations, size_t count, const timespec* limit);
+
+FILE* __real_fopen(const char* path, const char* mode);
+FILE* __real_setmntent(const char* path, const char* mode);
+
+FILE* __wrap_fopen(const char* path, const char* mode)
+{
+    const Passage passage(Call::fopen);
+    if (fails(Call::fopen)) return failedResult<FILE*>(Call::fopen, Failure::Null);
+    return __real_fopen(redirected(Call::fopen, path), mode);
+}
+
+FILE* __wrap_setmntent(const char* path, const char* mode)
+{
+    const Passage passage(Call::setmntent);
+    if (fails(Call::setmntent)) return failedResult<FILE*>(Call::setmntent, Failure::Null);
+    return __real_setmntent(redirected(Call::setmntent, path), mode);
+}
 
 int __wrap_semtimedop(int id, sembuf* operations, size_t count, const timespec* limit)
 {

@@ -7,11 +7,12 @@
 // had as long as a journal has to be played back: nothing of what may lie beside the file is needed.
 #include <fcntl.h>
 #include <kemsd/file.h>
+#include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <memory>
 
 #include "client/asker.h"
 #include "client/commands.h"
@@ -23,8 +24,6 @@ namespace sqlhost {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr size_t kPiece = 1 << 20;
 
 // A journal that lies beside the copy would be taken for the copy's own.
 void requirePlace(const BackupOptions& options, const std::string& database)
@@ -43,52 +42,48 @@ void requirePlace(const BackupOptions& options, const std::string& database)
 // The database file.
 class Source {
 public:
-    Source(KEM_PSDCTX_T context, const std::string& path) : context_(context), path_(path)
+    Source(KEM_PSDCTX_T context, const std::string& path) : context_(context), file_{-1, path}
     {
-        if (KemSdFileOpen(context_, path_.c_str(), O_RDONLY | O_CLOEXEC, 0, &handle_) != 0) fail("open");
+        if (KemSdDirectIOFileOpen(context_, path.c_str(), O_RDONLY, 0, O_CLOEXEC, 0, 0, &file_.handle, nullptr) != 0)
+            fail("open", context_->osRetCode);
     }
-    ~Source() { KemSdFileClose(nullptr, handle_); }
+    ~Source() { KemSdDirectIOFileClose(nullptr, file_.handle, nullptr); }
     Source(const Source&) = delete;
     Source& operator=(const Source&) = delete;
 
-    // How many bytes there were at that place, 0 at the end.
-    size_t read(uint64_t place, char* buffer, size_t size)
+    const NamedFile& file() const { return file_; }
+
+    // Asked of the system itself: a file that is too long has to be seen as that.
+    uint64_t bytes() const
     {
-        KEM_UINT_T got = 0;
-        if (KemSdFilePRead(context_, handle_, buffer, static_cast<KEM_LONG_T>(place), static_cast<KEM_UINT_T>(size),
-                           &got) != 0)
-            fail("read");
-        return got;
+        struct stat record;
+        if (fstat(file_.handle, &record) != 0) fail("measure", errno);
+        return static_cast<uint64_t>(record.st_size);
     }
 
 private:
-    [[noreturn]] void fail(const char* what) const
+    [[noreturn]] void fail(const char* what, int error) const
     {
-        throw Failure(text("cannot %s %s: %s", what, path_.c_str(), strerror(context_->osRetCode)));
+        throw Failure(text("cannot %s %s: %s", what, file_.path.c_str(), strerror(error)));
     }
 
     KEM_PSDCTX_T context_;
-    const std::string path_;
-    int handle_ = -1;
+    NamedFile file_;
 };
+
+// How many bytes the copy has.
+uint64_t copy(const Source& source, PartFile& part)
+{
+    const uint64_t bytes = source.bytes();
+    part.take(source.file(), bytes);
+    return bytes;
+}
 
 void pauseWriting(Connection& connection, uint32_t seconds)
 {
     FieldWriter limit;
     limit.number(seconds);
     askForNumber(connection, kRequestPause, limit.bytes(), "nothing was copied");
-}
-
-uint64_t copy(Source& source, PartFile& part)
-{
-    const auto buffer = std::make_unique<char[]>(kPiece);
-    uint64_t bytes = 0;
-    while (const size_t got = source.read(bytes, buffer.get(), kPiece)) {
-        part.put(bytes, buffer.get(), got);
-        bytes += got;
-    }
-    part.cut(bytes);
-    return bytes;
 }
 
 // How long writing stood still. An answer tells that it did to the end of the copying.

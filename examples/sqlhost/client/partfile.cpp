@@ -38,59 +38,43 @@ void catchSignals()
 } // namespace
 
 PartFile::PartFile(KEM_PSDCTX_T context, const std::string& destination)
-    : context_(context), destination_(destination), path_(destination + text(".part-%d", getpid()))
+    : context_(context), destination_(destination), file_{-1, destination + text(".part-%d", getpid())}
 {
     constexpr int kOwnerOnly = 0600;
-    if (path_.size() >= sizeof doomed) throw Failure("the name is too long: " + destination);
-    if (KemSdFileOpenExclusiveMode(context_, path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kOwnerOnly, &handle_) != 0)
+    if (file_.path.size() >= sizeof doomed) throw Failure("the name is too long: " + destination);
+    if (KemSdDirectIOFileOpen(context_, file_.path.c_str(), O_RDWR, 0, O_CREAT | O_EXCL | O_CLOEXEC, kOwnerOnly, 0,
+                              &file_.handle, nullptr) != 0)
         fail("make");
-    memcpy(doomed, path_.c_str(), path_.size() + 1);
+    memcpy(doomed, file_.path.c_str(), file_.path.size() + 1);
     catchSignals();
 }
 
 PartFile::~PartFile()
 {
-    if (handle_ != -1) KemSdFileClose(nullptr, handle_);
-    if (doomed[0]) KemSdFileRemove(nullptr, path_.c_str());
+    if (file_.handle != -1) KemSdDirectIOFileClose(nullptr, file_.handle, nullptr);
+    if (doomed[0]) KemSdDirectIOFileRemove(nullptr, file_.path.c_str());
     doomed[0] = '\0';
 }
 
 void PartFile::fail(const char* what) const
 {
-    throw Failure(text("cannot %s %s: %s", what, path_.c_str(), strerror(context_->osRetCode)));
+    throw Failure(text("cannot %s %s: %s", what, file_.path.c_str(), strerror(context_->osRetCode)));
 }
 
-bool PartFile::holds(uint64_t place, const char* bytes, size_t count)
+void PartFile::take(const NamedFile& source, uint64_t bytes)
 {
-    KEM_UINT_T got = 0;
-    there_.resize(count);
-    if (KemSdFilePRead(context_, handle_, there_.data(), static_cast<KEM_LONG_T>(place), static_cast<KEM_UINT_T>(count),
-                       &got) != 0)
-        fail("read");
-    return got == count && memcmp(there_.data(), bytes, count) == 0;
-}
-
-void PartFile::put(uint64_t place, char* bytes, size_t count)
-{
-    if (place + count > INT32_MAX) throw Failure("a file may have at most 2 GiB: " + destination_);
-    if (holds(place, bytes, count)) return;
-    for (KEM_UINT_T written = 0; count > 0; place += written, bytes += written, count -= written)
-        if (KemSdFilePWrite(context_, handle_, bytes, static_cast<KEM_LONG_T>(place), static_cast<KEM_UINT_T>(count),
-                            &written, nullptr) != 0)
-            fail("write");
-}
-
-void PartFile::cut(uint64_t length)
-{
-    KEM_LONG_T set = 0;
-    if (KemSdFileSetEndOfFile(context_, handle_, static_cast<KEM_LONG_T>(length), &set, nullptr) != 0) fail("cut");
+    if (bytes > INT32_MAX) throw Failure("a file may have at most 2 GiB: " + destination_);
+    copyBlocks(context_, source, file_, bytes, length_);
+    KEM_LONG_T set = 0; // it ends with a whole block until now
+    if (KemSdFileSetEndOfFile(context_, file_.handle, static_cast<KEM_LONG_T>(bytes), &set, nullptr) != 0) fail("cut");
+    length_ = bytes;
 }
 
 void PartFile::complete(Existing existing)
 {
-    if (KemSdFileFlush(context_, handle_) != 0) fail("flush");
-    const int closed = std::exchange(handle_, -1);
-    if (KemSdFileClose(context_, closed) != 0) fail("close");
+    if (KemSdFileFlush(context_, file_.handle) != 0) fail("flush");
+    const KEM_FILEHDL_T closed = std::exchange(file_.handle, -1);
+    if (KemSdDirectIOFileClose(context_, closed, nullptr) != 0) fail("close");
     rename(existing);
     doomed[0] = '\0';
     flushDirectory();
@@ -102,8 +86,8 @@ void PartFile::rename(Existing existing)
     int result = -1;
     errno = EINVAL;
     if (existing == Existing::refuse)
-        result = renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, destination_.c_str(), RENAME_NOREPLACE);
-    if (result == -1 && errno == EINVAL) result = std::rename(path_.c_str(), destination_.c_str());
+        result = renameat2(AT_FDCWD, file_.path.c_str(), AT_FDCWD, destination_.c_str(), RENAME_NOREPLACE);
+    if (result == -1 && errno == EINVAL) result = std::rename(file_.path.c_str(), destination_.c_str());
     if (result == 0) return;
     if (errno == EEXIST) throw Failure(destination_ + " has come into being meanwhile");
     throw Failure(text("cannot name %s: %s", destination_.c_str(), strerror(errno)));

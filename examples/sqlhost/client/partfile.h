@@ -2,9 +2,9 @@
 // completed is removed, also when a signal ends the process.
 #pragma once
 
-#include <kemsd/context.h>
-
 #include <string>
+
+#include "client/blockcopy.h"
 
 namespace sqlhost {
 
@@ -16,25 +16,22 @@ public:
     PartFile(const PartFile&) = delete;
     PartFile& operator=(const PartFile&) = delete;
 
-    // Makes the bytes at that place these; those that are there already are not written. Throws Failure.
-    void put(uint64_t place, char* bytes, size_t count);
-    // Ends the file there. Throws Failure.
-    void cut(uint64_t length);
+    // Makes it the first bytes of that file, so many of them; those that are there already are not written again.
+    // Throws Failure.
+    void take(const NamedFile& source, uint64_t bytes);
     // Makes it durable and gives it its name; a file of that name is replaced or respected. Throws Failure.
     enum class Existing { replace, refuse };
     void complete(Existing existing);
 
 private:
-    bool holds(uint64_t place, const char* bytes, size_t count);
     void rename(Existing existing);
     void flushDirectory();
     [[noreturn]] void fail(const char* what) const;
 
     KEM_PSDCTX_T context_;
     const std::string destination_;
-    const std::string path_;
-    int handle_ = -1;
-    std::string there_; // what was read last
+    NamedFile file_;
+    uint64_t length_ = 0;
 };
 
 } // namespace sqlhost
