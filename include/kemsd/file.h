@@ -250,8 +250,8 @@ KEM_API KEM_FUNC_M KemSdFileFindFirst(KEM_PSDCTX_T pSdCtx, const char* pszFilePa
  * reader's result. SDSTS_FILE_FIND_NEXT: it could not be looked at. */
 KEM_API KEM_FUNC_M KemSdFileFindNext(KEM_PSDCTX_T pSdCtx, KEM_PFILEFINDINFO_T pFileFindInfo);
 
-/* Ends the search. Not guarded. SDSTS_INVALID_PARAM: null. SDSTS_FILE_FIND_CLOSE: no search runs, as after a first close
- * (osRetCode is EFAULT), or the stream could not be closed (errno). */
+/* Ends the search. Not guarded. SDSTS_INVALID_PARAM: null. SDSTS_FILE_FIND_CLOSE: no search runs, as after a first
+ * close (osRetCode is EFAULT), or the stream could not be closed (errno). */
 KEM_API KEM_FUNC_M KemSdFileFindClose(KEM_PSDCTX_T pSdCtx, KEM_PFILEFINDINFO_T pFileFindInfo);
 
 /* What FindFirst and FindNext do inside: the next name of the record's open stream that its pattern matches, or equals,
