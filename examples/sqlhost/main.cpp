@@ -33,6 +33,7 @@ struct Options {
     std::vector<std::string> statements;
     bool csv = false;
     sqlhost::BackupOptions backup;
+    sqlhost::PruneOptions prune;
 };
 
 // Column widths need the characters' widths; numbers keep the decimal point.
@@ -91,6 +92,18 @@ void addMemory(CLI::App& app, Options& options)
         Server server(options.memoryFile, options.verbose, Engine::oneThread);
         reportMemory(server, options.database, options.workFile);
     });
+}
+
+void addPrune(CLI::App& app, Options& options)
+{
+    CLI::App* const command = app.add_subcommand("prune", "Remove all but the newest files that a pattern matches");
+    command->add_option("DIR", options.prune.directory, "Directory, as that of backups")->required();
+    command->add_option("PATTERN", options.prune.pattern, "Shell pattern of the names, in quotes")->required();
+    command->add_option("--keep", options.prune.keep, "How many of them are kept")
+        ->required()
+        ->check(CLI::NonNegativeNumber);
+    command->add_flag("--dry-run", options.prune.dryRun, "Only show what would be removed");
+    command->final_callback([&options] { sqlhost::prune(options.prune); });
 }
 
 // ---- The server and its clients ----------------------------------------------------------------------------------
@@ -167,11 +180,13 @@ int main(int argc, char** argv)
     app.add_flag("--verbose", options.verbose, "Show what start-up says");
     app.footer(
         "\nsqlhost import DB TABLE FILE.csv\nsqlhost run DB [FILE.sql|-]\nsqlhost memory DB [FILE.sql|-]\n"
+        "sqlhost prune DIR PATTERN --keep N\n"
         "\nsqlhost serve DIR\nsqlhost sql DIR [STATEMENT...]\nsqlhost shell DIR\nsqlhost import DIR TABLE FILE.csv\n"
         "sqlhost backup DIR DEST\nsqlhost status DIR\nsqlhost stop DIR");
     app.require_subcommand(1);
     app.fallthrough();
-    for (const auto add : {addImport, addRun, addMemory, addServe, addSql, addShell, addBackup, addStatus, addStop})
+    for (const auto add :
+         {addImport, addRun, addMemory, addPrune, addServe, addSql, addShell, addBackup, addStatus, addStop})
         add(app, options);
     try {
         app.parse(argc, argv);
