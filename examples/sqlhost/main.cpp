@@ -36,6 +36,7 @@ struct Options {
     bool json = false;
     bool mapped = false;
     sqlhost::BackupOptions backup;
+    sqlhost::PruneOptions prune;
 };
 
 // Column widths need the characters' widths; numbers keep the decimal point.
@@ -108,6 +109,18 @@ void addInfo(CLI::App& app, Options& options)
     CLI::App* const command = app.add_subcommand("info", "Show the machine and this process as kemsd sees them");
     command->add_flag("--json", options.json, "Print it as JSON");
     command->final_callback([&options] { sqlhost::showInfo(options.json); });
+}
+
+void addPrune(CLI::App& app, Options& options)
+{
+    CLI::App* const command = app.add_subcommand("prune", "Remove all but the newest files that a pattern matches");
+    command->add_option("DIR", options.prune.directory, "Directory, as that of backups")->required();
+    command->add_option("PATTERN", options.prune.pattern, "Shell pattern of the names, in quotes")->required();
+    command->add_option("--keep", options.prune.keep, "How many of them are kept")
+        ->required()
+        ->check(CLI::NonNegativeNumber);
+    command->add_flag("--dry-run", options.prune.dryRun, "Only show what would be removed");
+    command->final_callback([&options] { sqlhost::prune(options.prune); });
 }
 
 // ---- The server and its clients ----------------------------------------------------------------------------------
@@ -185,25 +198,14 @@ int main(int argc, char** argv)
         ->type_name("FILE");
     app.add_flag("--verbose", options.verbose, "Show what start-up says");
     app.footer(
-        "
-sqlhost import DB TABLE FILE.csv
-sqlhost run DB [FILE.sql|-]
-sqlhost memory DB [FILE.sql|-]
-sqlhost info
-"
-        "
-sqlhost serve DIR
-sqlhost sql DIR [STATEMENT...]
-sqlhost shell DIR
-sqlhost import DIR TABLE FILE.csv
-"
-        "sqlhost backup DIR DEST
-sqlhost status DIR
-sqlhost stop DIR");
+        "\nsqlhost import DB TABLE FILE.csv\nsqlhost run DB [FILE.sql|-]\nsqlhost memory DB [FILE.sql|-]\n"
+        "sqlhost prune DIR PATTERN --keep N\nsqlhost info\n"
+        "\nsqlhost serve DIR\nsqlhost sql DIR [STATEMENT...]\nsqlhost shell DIR\nsqlhost import DIR TABLE FILE.csv\n"
+        "sqlhost backup DIR DEST\nsqlhost status DIR\nsqlhost stop DIR");
     app.require_subcommand(1);
     app.fallthrough();
     for (const auto add :
-         {addImport, addRun, addMemory, addInfo, addServe, addSql, addShell, addBackup, addStatus, addStop})
+         {addImport, addRun, addMemory, addPrune, addInfo, addServe, addSql, addShell, addBackup, addStatus, addStop})
         add(app, options);
     try {
         app.parse(argc, argv);
