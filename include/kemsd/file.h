@@ -231,7 +231,7 @@ typedef struct KEM_FILEFINDINFO_T {
     char szFilePattern[KEM_FILEPATTERN_MAX]; /* pattern part of the search text */
     char szDirectory[KEM_FILEPATH_MAX];      /* directory part, ending with a slash */
     char szTmp[KEM_FILEPATTERN_MAX];         /* the current match's name, of a longer one its first 120 characters */
-    char* pszFileName;          /* after a match the whole name: szTmp, or findInfo.d_name if that is longer */
+    char* pszFileName;          /* the match's whole name: szTmp, or findInfo.d_name if that is longer; else null */
     KEM_ULONGLONG_T ulFileAttr; /* 0x4000 for a directory, 0x8000 for anything else */
     KEM_ULONGLONG_T ulFindAttr; /* the caller's attribute filter; stored, not applied */
     KEM_ULONGLONG_T fileSize;   /* bytes of a matched non-directory */
@@ -250,8 +250,8 @@ KEM_API KEM_FUNC_M KemSdFileFindFirst(KEM_PSDCTX_T pSdCtx, const char* pszFilePa
  * reader's result. SDSTS_FILE_FIND_NEXT: it could not be looked at. */
 KEM_API KEM_FUNC_M KemSdFileFindNext(KEM_PSDCTX_T pSdCtx, KEM_PFILEFINDINFO_T pFileFindInfo);
 
-/* Ends the search, which a second close finds ended. Not guarded. SDSTS_INVALID_PARAM: null. SDSTS_FILE_FIND_CLOSE: no search runs (osRetCode is EFAULT)
- * or the stream could not be closed (errno). */
+/* Ends the search. Not guarded. SDSTS_INVALID_PARAM: null. SDSTS_FILE_FIND_CLOSE: no search runs, as after a first close
+ * (osRetCode is EFAULT), or the stream could not be closed (errno). */
 KEM_API KEM_FUNC_M KemSdFileFindClose(KEM_PSDCTX_T pSdCtx, KEM_PFILEFINDINFO_T pFileFindInfo);
 
 /* What FindFirst and FindNext do inside: the next name of the record's open stream that its pattern matches, or equals,
@@ -319,7 +319,7 @@ KEM_API KEM_FUNC_M KemSdCreatePath(KEM_PSDCTX_T pSdCtx, const char* path);
 
 /* Removes a directory with all that is in it. Names that begin with "." are not found: they stay, and with them the
  * directory, and the answer is 0 all the same. A file whose removal is not permitted is made writable (0664) and tried
- * again. A symbolic link goes, pszDirName itself included; what it leads to is never touched. What somebody else removes
+ * again. A symbolic link goes, pszDirName itself included; what it leads to is never touched. What goes by another hand
  * meanwhile is no failure. The first thing that cannot be removed stops the walk. Guarded.
  * SDSTS_INVALID_PARAM: null, or a name that KemSdIsSafeToDelete refuses. SDSTS_DIR_REMOVE: there is no such directory,
  * something could not be read or removed (errno), a path is longer than 1028 characters (ENAMETOOLONG), a directory was
@@ -356,8 +356,9 @@ KEM_API KEM_STR_T KemSdFileGetExtension(const char* szFilePath, KEM_BOOL_T bIncl
 KEM_API KEM_FUNC_M KemSdFileGetCanonicalPath(const char* szPath, KEM_INT_T iCanonPathSize, KEM_STR_T szCanonPath);
 
 /* The login name of the session, else the name of the effective user; *sizeBuf is its length. No bound is applied to
- * the buffer. SDSTS_INVALID_PARAM: a null output. SDSTS_NO_LOGIN_NAME: neither is known, osRetCode is the error number of
- * asking for the user, 0 where there is none; *sizeBuf is 0 and the first 8 bytes of the buffer are zero. */
+ * the buffer. SDSTS_INVALID_PARAM: a null output. SDSTS_NO_LOGIN_NAME: neither is known; osRetCode is
+ * why the user could not be looked up, 0 when there is none of that id; *sizeBuf is 0 and the first 8 bytes of the
+ * buffer are zero. */
 KEM_API KEM_FUNC_M KemSdGetSessionLoginUsername(KEM_PSDCTX_T pSdCtx, KEM_STR_T pszLoginUsername, KEM_SIZE_T* sizeBuf);
 
 /* ---- Mapped files -----------------------------------------------------------------------------------------------

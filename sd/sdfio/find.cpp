@@ -138,8 +138,7 @@ KEM_STS_T makeRoom(Collection& found)
     if (found.count < found.capacity) return 0;
     const KEM_UINT_T capacity = found.paths ? 2 * found.capacity : kFirstCapacity;
     void* paths;
-    const KEM_STS_T sts =
-        ovRealloc(found.owner, capacity * sizeof(KEM_STR_T), found.paths, &paths, kSource, __LINE__);
+    const KEM_STS_T sts = ovRealloc(found.owner, capacity * sizeof(KEM_STR_T), found.paths, &paths, kSource, __LINE__);
     if (sts != 0) return sts;
     found.paths = static_cast<KEM_STR_T*>(paths);
     found.capacity = capacity;
@@ -151,8 +150,7 @@ KEM_STS_T addPath(Collection& found, const KEM_FILEFINDINFO_T& match)
     if (const KEM_STS_T sts = makeRoom(found); sts != 0) return sts;
     const size_t bytes = strlen(match.szDirectory) + strlen(match.pszFileName) + 1;
     void* path;
-    const KEM_STS_T sts =
-        ovMalloc(found.owner, std::max(bytes, size_t{KEM_FILEPATH_MAX}), &path, kSource, __LINE__);
+    const KEM_STS_T sts = ovMalloc(found.owner, std::max(bytes, size_t{KEM_FILEPATH_MAX}), &path, kSource, __LINE__);
     if (sts != 0) return sts;
     found.paths[found.count++] = static_cast<KEM_STR_T>(path);
     stpcpy(stpcpy(static_cast<KEM_STR_T>(path), match.szDirectory), match.pszFileName);

@@ -40,7 +40,7 @@ void putLogin(std::string_view name, KEM_STR_T text, KEM_SIZE_T& length)
 Outcome findLogin(KEM_STR_T text, KEM_SIZE_T& length)
 {
     char login[kLoginCapacity] = "";
-    if (getlogin_r(login, sizeof login) == 0) {
+    if (getlogin_r(login, sizeof login) == 0 && login[0] != 0) {
         putLogin(login, text, length);
         return ok();
     }

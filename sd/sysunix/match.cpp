@@ -44,7 +44,8 @@ OV_STS_T ovMatchFile(OV_FINDINFO_T* pFindInfo, const char*, const char*)
     if (!entry) return kEndOfDirectory;
     pFindInfo->fname = entry->d_name;
     struct stat record;
-    if (!lookAt(pFindInfo->directory, entry->d_name, record)) return SDSTS_NMPIPE_FAILED; // Deliberate: a pipe's status.
+    if (!lookAt(pFindInfo->directory, entry->d_name, record))
+        return SDSTS_NMPIPE_FAILED; // Deliberate: a pipe's status.
     pFindInfo->fattr = S_ISDIR(record.st_mode) ? KEM_FILEATTR_DIRECTORY : KEM_FILEATTR_FILE;
     return 0;
 }
