@@ -12,6 +12,7 @@
 #include "client/commands.h"
 #include "commands.h"
 #include "serve/service.h"
+#include "sqlvfs.h"
 #include "text.h"
 #include "wire/protocol.h"
 
@@ -26,12 +27,16 @@ constexpr int kUsage = 2;
 struct Options {
     std::string memoryFile;
     bool verbose = false;
+    std::vector<std::string> modules;
     sqlhost::ImportOptions import;
     std::string database, sqlFile = "-", workFile;
     std::string directory;
     std::vector<std::string> statements;
     bool csv = false;
+    bool json = false;
+    bool mapped = false;
     sqlhost::BackupOptions backup;
+    sqlhost::PruneOptions prune;
 };
 
 // Column widths need the characters' widths; numbers keep the decimal point.
@@ -39,6 +44,11 @@ void useUtf8()
 {
     setlocale(LC_CTYPE, "");
     if (strcmp(nl_langinfo(CODESET), "UTF-8") != 0) setlocale(LC_CTYPE, "C.UTF-8");
+}
+
+void addMapped(CLI::App& command, Options& options)
+{
+    command.add_flag("--mapped", options.mapped, "Read the database through a mapping of its file");
 }
 
 // ---- Commands on a database file ---------------------------------------------------------------------------------
@@ -60,15 +70,26 @@ void addImport(CLI::App& app, Options& options)
     });
 }
 
+void addModules(CLI::App& command, Options& options)
+{
+    command.add_option("--module", options.modules, "Module that adds functions to SQL; may be repeated")
+        ->type_name("FILE.so")
+        ->allow_extra_args(false);
+}
+
 void addRun(CLI::App& app, Options& options)
 {
     CLI::App* const command = app.add_subcommand("run", "Run SQL statements and print their results");
     command->add_option("DB", options.database, "Database file")->required();
     command->add_option("FILE.sql", options.sqlFile, "File with statements, - for standard input (the default)");
     command->add_flag("--csv", options.csv, "Print results as CSV");
+    addModules(*command, options);
+    addMapped(*command, options);
     command->final_callback([&options] {
+        if (options.mapped) sqlhost::readDatabasesMapped();
         Server server(options.memoryFile, options.verbose, Engine::oneThread);
-        runSql(server, options.database, options.sqlFile, options.csv);
+        const sqlhost::SqlModules modules(server.context(), options.modules);
+        runSql(server, modules, options.database, options.sqlFile, options.csv);
     });
 }
 
@@ -81,6 +102,25 @@ void addMemory(CLI::App& app, Options& options)
         Server server(options.memoryFile, options.verbose, Engine::oneThread);
         reportMemory(server, options.database, options.workFile);
     });
+}
+
+void addInfo(CLI::App& app, Options& options)
+{
+    CLI::App* const command = app.add_subcommand("info", "Show the machine and this process as kemsd sees them");
+    command->add_flag("--json", options.json, "Print it as JSON");
+    command->final_callback([&options] { sqlhost::showInfo(options.json); });
+}
+
+void addPrune(CLI::App& app, Options& options)
+{
+    CLI::App* const command = app.add_subcommand("prune", "Remove all but the newest files that a pattern matches");
+    command->add_option("DIR", options.prune.directory, "Directory, as that of backups")->required();
+    command->add_option("PATTERN", options.prune.pattern, "Shell pattern of the names, in quotes")->required();
+    command->add_option("--keep", options.prune.keep, "How many of them are kept")
+        ->required()
+        ->check(CLI::NonNegativeNumber);
+    command->add_flag("--dry-run", options.prune.dryRun, "Only show what would be removed");
+    command->final_callback([&options] { sqlhost::prune(options.prune); });
 }
 
 // ---- The server and its clients ----------------------------------------------------------------------------------
@@ -96,9 +136,13 @@ void addServe(CLI::App& app, Options& options)
 {
     CLI::App* const command =
         addServerCommand(app, options, "serve", "Serve the database of a directory, made when missing, until stopped");
+    addModules(*command, options);
+    addMapped(*command, options);
     command->final_callback([&options] {
+        if (options.mapped) sqlhost::readDatabasesMapped();
         Server server(options.memoryFile, options.verbose, Engine::manyThreads);
-        sqlhost::Service(server, options.directory).run();
+        const sqlhost::SqlModules modules(server.context(), options.modules);
+        sqlhost::Service(server, modules, options.directory).run();
     });
 }
 
@@ -108,6 +152,12 @@ void addSql(CLI::App& app, Options& options)
     command->add_option("STATEMENT", options.statements, "Statements; those of standard input when there are none");
     command->add_flag("--csv", options.csv, "Print results as CSV");
     command->final_callback([&options] { sqlhost::sqlOnServer(options.directory, options.statements, options.csv); });
+}
+
+void addShell(CLI::App& app, Options& options)
+{
+    CLI::App* const command = addServerCommand(app, options, "shell", "Have a server run what is typed at a prompt");
+    command->final_callback([&options] { sqlhost::shellOnServer(options.directory); });
 }
 
 void addBackup(CLI::App& app, Options& options)
@@ -149,11 +199,13 @@ int main(int argc, char** argv)
     app.add_flag("--verbose", options.verbose, "Show what start-up says");
     app.footer(
         "\nsqlhost import DB TABLE FILE.csv\nsqlhost run DB [FILE.sql|-]\nsqlhost memory DB [FILE.sql|-]\n"
-        "\nsqlhost serve DIR\nsqlhost sql DIR [STATEMENT...]\nsqlhost import DIR TABLE FILE.csv\n"
+        "sqlhost prune DIR PATTERN --keep N\nsqlhost info\n"
+        "\nsqlhost serve DIR\nsqlhost sql DIR [STATEMENT...]\nsqlhost shell DIR\nsqlhost import DIR TABLE FILE.csv\n"
         "sqlhost backup DIR DEST\nsqlhost status DIR\nsqlhost stop DIR");
     app.require_subcommand(1);
     app.fallthrough();
-    for (const auto add : {addImport, addRun, addMemory, addServe, addSql, addBackup, addStatus, addStop})
+    for (const auto add :
+         {addImport, addRun, addMemory, addPrune, addInfo, addServe, addSql, addShell, addBackup, addStatus, addStop})
         add(app, options);
     try {
         app.parse(argc, argv);

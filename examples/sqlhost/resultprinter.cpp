@@ -14,6 +14,7 @@ using Kind = Table::Kind;
 
 constexpr char kNull[] = "NULL";
 constexpr size_t kShownBlobBytes = 32;
+constexpr uint64_t kRowsOfAPiece = 500;
 
 std::string blobText(std::string_view bytes)
 {
@@ -45,6 +46,7 @@ void ResultPrinter::begin(const std::vector<std::string>& columns)
     rows_ = 0;
     if (style_ == Style::report && !first_) putchar('\n');
     first_ = false;
+    columns_ = columns;
     if (!asCsv_)
         table_ = std::make_unique<Table>(columns);
     else
@@ -54,6 +56,10 @@ void ResultPrinter::begin(const std::vector<std::string>& columns)
 // In CSV, NULL is an empty field and an empty text a pair of quotes.
 void ResultPrinter::add(const std::vector<Value>& row)
 {
+    if (style_ == Style::pieces && rows_ > 0 && rows_ % kRowsOfAPiece == 0) {
+        table_->print();
+        table_ = std::make_unique<Table>(columns_);
+    }
     ++rows_;
     if (asCsv_) {
         for (size_t i = 0; i < row.size(); ++i)
@@ -70,7 +76,16 @@ void ResultPrinter::end()
     if (asCsv_) return;
     table_->print();
     table_.reset();
-    if (style_ == Style::answers) printf("(%s)\n", countedText(rows_, "row").c_str());
+    if (style_ != Style::report) printf("(%s)\n", countedText(rows_, "row").c_str());
+}
+
+bool ResultPrinter::stop()
+{
+    if (!table_) return false;
+    table_->print();
+    table_.reset();
+    printf("(stopped after %s)\n", countedText(rows_, "row").c_str());
+    return true;
 }
 
 void ResultPrinter::changed(uint64_t rows)

@@ -22,9 +22,10 @@ void runStatement(Database& database, Statement& statement, ResultPrinter& print
 
 } // namespace
 
-void runSql(Server& server, const std::string& path, const std::string& file, bool asCsv)
+void runSql(Server& server, const SqlModules& modules, const std::string& path, const std::string& file, bool asCsv)
 {
     Database database(path, DatabaseMode::existing);
+    modules.addTo(database, server.context());
     Input input(server.context(), file);
     ResultPrinter printer(asCsv);
     const std::string all = input.rest();

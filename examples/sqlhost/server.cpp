@@ -2,13 +2,12 @@
 
 #include <kemsd/kemsd.h>
 #include <sqlite3.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <functional>
 
 #include "memoryfile.h"
+#include "printed.h"
 #include "sqlmemory.h"
 #include "sqlmutex.h"
 #include "sqlvfs.h"
@@ -33,25 +32,6 @@ void setSwitches()
     KemSdSetHardwareAcceleration(FALSE);
     KemSdSetAppFolderName(applicationName);
     registerThreadHooks();
-}
-
-// What `body` prints on standard output, which belongs to query results.
-std::string printedBy(const std::function<void()>& body)
-{
-    FILE* const kept = tmpfile();
-    if (!kept) throw Failure("cannot make a temporary file");
-    fflush(stdout);
-    const int output = dup(STDOUT_FILENO);
-    dup2(fileno(kept), STDOUT_FILENO);
-    body();
-    fflush(stdout);
-    dup2(output, STDOUT_FILENO);
-    close(output);
-    std::string printed(static_cast<size_t>(ftell(kept)), '\0');
-    rewind(kept);
-    printed.resize(fread(printed.data(), 1, printed.size(), kept));
-    fclose(kept);
-    return printed;
 }
 
 // A line of what start-up said, fit for a terminal whatever the file held.
@@ -104,10 +84,12 @@ void Server::startMemory(const std::string& memoryFile, bool verbose)
     const MemoryFile file(memoryFile);
     memoryFile_ = file.path();
     int status = 0;
-    passOn(printedBy([&] {
-               void* const callBack = reinterpret_cast<void*>(onMemoryMessage);
-               status = ovMemThreadHeapInit(TRUE, callBack, applicationName, FALSE);
-           }),
+    // Standard output belongs to query results.
+    passOn(printedBy(stdout,
+                     [&] {
+                         void* const callBack = reinterpret_cast<void*>(onMemoryMessage);
+                         status = ovMemThreadHeapInit(TRUE, callBack, applicationName, FALSE);
+                     }),
            verbose);
     if (status != 0)
         throw Failure(text("%s: no memory for the heaps at start-up (status %d)", memoryFile_.c_str(), status));

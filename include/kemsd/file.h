@@ -151,9 +151,10 @@ KEM_API KEM_FUNC_M KemSdFileCloseAllButNoStd(KEM_PSDCTX_T pSdCtx);
  * One record lock over the whole of a file, however far it grows, taken without waiting. The mode of the process
  * (KemSdSetFileLockingMode) says what stands behind it:
  *
- *     KEM_FILE_LOCK_MANDATORY     the file is marked first, so that the kernel enforces the lock on every read and
- * write KEM_FILE_LOCK_ADVISORY      a plain record lock; KEM_FILE_LOCK_NOTSET is the same KEM_FILE_LOCK_NONE nothing:
- * both calls run the lease guard and succeed
+ *     KEM_FILE_LOCK_ADVISORY     a plain record lock
+ *     KEM_FILE_LOCK_NOTSET       the same
+ *     KEM_FILE_LOCK_MANDATORY    the file is marked first, so that the kernel enforces the lock on reads and writes
+ *     KEM_FILE_LOCK_NONE         nothing: both calls run the lease guard and succeed
  *
  * In failover mode they do the same as in NONE: there the lease takes the place of the lock. Example:
  *
@@ -230,7 +231,7 @@ typedef struct KEM_FILEFINDINFO_T {
     char szFilePattern[KEM_FILEPATTERN_MAX]; /* pattern part of the search text */
     char szDirectory[KEM_FILEPATH_MAX];      /* directory part, ending with a slash */
     char szTmp[KEM_FILEPATTERN_MAX];         /* the current match's name, of a longer one its first 120 characters */
-    char* pszFileName;          /* after a match the whole name: szTmp, or findInfo.d_name if that is longer */
+    char* pszFileName;          /* the match's whole name: szTmp, or findInfo.d_name if that is longer; else null */
     KEM_ULONGLONG_T ulFileAttr; /* 0x4000 for a directory, 0x8000 for anything else */
     KEM_ULONGLONG_T ulFindAttr; /* the caller's attribute filter; stored, not applied */
     KEM_ULONGLONG_T fileSize;   /* bytes of a matched non-directory */
@@ -249,8 +250,8 @@ KEM_API KEM_FUNC_M KemSdFileFindFirst(KEM_PSDCTX_T pSdCtx, const char* pszFilePa
  * reader's result. SDSTS_FILE_FIND_NEXT: it could not be looked at. */
 KEM_API KEM_FUNC_M KemSdFileFindNext(KEM_PSDCTX_T pSdCtx, KEM_PFILEFINDINFO_T pFileFindInfo);
 
-/* Ends the search. Not guarded. SDSTS_INVALID_PARAM: null. SDSTS_FILE_FIND_CLOSE: no search runs (osRetCode is EFAULT)
- * or the stream could not be closed (errno). */
+/* Ends the search. Not guarded. SDSTS_INVALID_PARAM: null. SDSTS_FILE_FIND_CLOSE: no search runs, as after a first
+ * close (osRetCode is EFAULT), or the stream could not be closed (errno). */
 KEM_API KEM_FUNC_M KemSdFileFindClose(KEM_PSDCTX_T pSdCtx, KEM_PFILEFINDINFO_T pFileFindInfo);
 
 /* What FindFirst and FindNext do inside: the next name of the record's open stream that its pattern matches, or equals,
@@ -261,11 +262,12 @@ KEM_API KEM_FUNC_M KemSdFileFindClose(KEM_PSDCTX_T pSdCtx, KEM_PFILEFINDINFO_T p
 KEM_API KEM_FUNC_M KemSdFileMatch(KEM_PSDCTX_T pSdCtx, KEM_PFILEFINDINFO_T pFileFindInfo);
 
 /* Collects the paths (directory part and name) of all matches. *paszFilePaths becomes an array of *puNumFound paths,
- * owned by pUniqueAddress as in ovMalloc, for KemSdFileFreeNames. szParentPath is ignored: the directory stands in
- * szFileSpec. Nothing found, a directory that cannot be opened or read, and a search text that does not fit are
- * successes with no paths or those found so far. A match that cannot be looked at ends the collection with its status.
- * SDSTS_INVALID_PARAM: szFileSpec or an output is null. Otherwise the status of a failed allocation or match; both
- * outputs are then zero. */
+ * owned by pUniqueAddress as in ovMalloc, for KemSdFileFreeNames, which ignores the null that stands for no paths.
+ * szParentPath is ignored: the directory stands in szFileSpec. Nothing found, a directory that cannot be opened or
+ * read, a first match that cannot be looked at, and a search text that does not fit are successes, with the paths found
+ * so far. The search steps run the lease guard.
+ * SDSTS_INVALID_PARAM: szFileSpec or an output is null. Otherwise the status of a failed allocation, or
+ * SDSTS_FILE_FIND_NEXT for a later match that cannot be looked at; both outputs are then zero. */
 KEM_API KEM_FUNC_M KemSdFileFind(void* pUniqueAddress, KEM_PSDCTX_T pSdCtx, const char* szParentPath,
                                  const char* szFileSpec, KEM_ULONG_T uFileAttrs, KEM_STR_T** paszFilePaths,
                                  KEM_PUINT_T puNumFound);
@@ -281,7 +283,8 @@ typedef struct _fileList {
 
 /* Copies the current match of a search into the list: with bAlloc into a new node, which becomes fileList's next in
  * place of whatever followed (so fileList is the list's tail), else into fileList itself, whose next becomes null.
- * Returns 0, or 1: a null pointer, a record without a match, no memory. */
+ * Returns 0, or 1, with nothing changed: a null pointer, a record without a match, a name of more than 1028 characters,
+ * no memory. */
 KEM_API int KemSdAddFileListItem(KEM_PFILE_LIST fileList, KEM_PFILEFINDINFO_T fileinfo, KEM_BOOL_T bAlloc);
 /* Frees all nodes behind fileList, which stays; null does nothing. Always 0. */
 KEM_API int KemSdDeleteFileListItems(KEM_PFILE_LIST fileList);
@@ -308,17 +311,19 @@ KEM_API OV_STS_T ovMatchFile(OV_FINDINFO_T* pFindInfo, const char* filepattern, 
 /* Makes a directory, open to all that the umask leaves. Guarded. SDSTS_INVALID_PARAM: null. SDSTS_DIR_CREATE: refused,
  * also when it exists. */
 KEM_API KEM_FUNC_M KemSdDirCreate(KEM_PSDCTX_T pSdCtx, const char* pszDirName);
-/* The same, but what exists already, of whatever kind, is a success. */
+/* The same, but what exists already, of whatever kind, or comes into being meanwhile, is a success. */
 KEM_API KEM_FUNC_M KemSdDirCreateEx(KEM_PSDCTX_T pSdCtx, const char* path);
 /* Makes every directory that is missing along the path. The first failure of KemSdDirCreateEx; or 1, no status and not
  * stored in the context, for a null path and one longer than 1029 characters. */
 KEM_API KEM_FUNC_M KemSdCreatePath(KEM_PSDCTX_T pSdCtx, const char* path);
 
 /* Removes a directory with all that is in it. Names that begin with "." are not found: they stay, and with them the
- * directory, and the answer is 0 all the same. A file that is write-protected is made writable (0664) first; a symbolic
- * link goes, what it leads to is never touched. The first thing that cannot be removed stops the walk. Guarded.
- * SDSTS_INVALID_PARAM: null, or a name that KemSdIsSafeToDelete refuses. SDSTS_DIR_REMOVE: something could not be read
- * or removed; ENAMETOOLONG for a path beyond 1028 characters. */
+ * directory, and the answer is 0 all the same. A file whose removal is not permitted is made writable (0664) and tried
+ * again. A symbolic link goes, pszDirName itself included; what it leads to is never touched. What goes by another hand
+ * meanwhile is no failure. The first thing that cannot be removed stops the walk. Guarded.
+ * SDSTS_INVALID_PARAM: null, or a name that KemSdIsSafeToDelete refuses. SDSTS_DIR_REMOVE: there is no such directory,
+ * something could not be read or removed (errno), a path is longer than 1028 characters (ENAMETOOLONG), a directory was
+ * moved away under the walk (ESTALE), or there is no memory (ENOMEM). */
 KEM_API KEM_FUNC_M KemSdDirRemove(KEM_PSDCTX_T pSdCtx, const char* pszDirName);
 /* TRUE when the name is neither null nor empty. */
 KEM_API KEM_BOOL_T KemSdIsSafeToDelete(const char* pszDirName);
@@ -351,8 +356,9 @@ KEM_API KEM_STR_T KemSdFileGetExtension(const char* szFilePath, KEM_BOOL_T bIncl
 KEM_API KEM_FUNC_M KemSdFileGetCanonicalPath(const char* szPath, KEM_INT_T iCanonPathSize, KEM_STR_T szCanonPath);
 
 /* The login name of the session, else the name of the effective user; *sizeBuf is its length. No bound is applied to
- * the buffer. SDSTS_INVALID_PARAM: a null output. SDSTS_NO_LOGIN_NAME: neither is known; *sizeBuf is 0 and the first 8
- * bytes of the buffer are zero. */
+ * the buffer. SDSTS_INVALID_PARAM: a null output. SDSTS_NO_LOGIN_NAME: neither is known; osRetCode is
+ * why the user could not be looked up, 0 when there is none of that id; *sizeBuf is 0 and the first 8 bytes of the
+ * buffer are zero. */
 KEM_API KEM_FUNC_M KemSdGetSessionLoginUsername(KEM_PSDCTX_T pSdCtx, KEM_STR_T pszLoginUsername, KEM_SIZE_T* sizeBuf);
 
 /* ---- Mapped files -----------------------------------------------------------------------------------------------
@@ -372,6 +378,8 @@ KEM_API KEM_FUNC_M KemSdGetSessionLoginUsername(KEM_PSDCTX_T pSdCtx, KEM_STR_T p
  *   - SDSTS_INVALID_PARAM: a null handle, buffer or result (an error-number output may be null);
  *   - a handle without file or mapping is refused: reads and seeks with SDSTS_FILE_READ, writes with SDSTS_FILE_WRITE;
  *   - bytes behind the mapping do not exist: reads end there, writes that would pass it copy nothing;
+ *   - the file's length is what this handle has seen or set: where another process has cut the file since, a copy
+ *     raises SIGBUS, and holes that the file had at the open take their space from the disk when they are written;
  *   - osRetCode is 0 after reads and seeks, in plain mode too (and after a plain-mode flush), and errno of what failed
  *     after the others. */
 
@@ -424,9 +432,10 @@ KEM_API KEM_FUNC_M KemSdMMAPFileRead(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T phF
 KEM_API KEM_FUNC_M KemSdMMAPFilePRead(KEM_PSDCTX_T pSdCtx, KEM_MMAPFILEHDL_T hFile, KEM_PVOID_T pvData,
                                       KEM_LONG_T lFileOffset, KEM_UINT_T nBytesToRead, KEM_PUINT_T pnBytesRead);
 
-/* Write all bytes at the position, which moves, or at lFileOffset (there offset plus count is a 32-bit sum); the file
- * grows as it was told to. Guarded. SDSTS_FILE_WRITE: see above, a negative position or offset, growth beyond the
- * maximum; SDSTS_DISK_FULL, SDSTS_FILE_SET_EOF: the growth failed. Nothing is written then. */
+/* Write all bytes at the position, which moves, or at lFileOffset; the file grows as it was told to, for a count of 0
+ * behind its end too. Guarded, and once more where it grows. SDSTS_FILE_WRITE: see above, a negative position or
+ * offset, growth beyond the maximum; SDSTS_DISK_FULL, SDSTS_FILE_SET_EOF: the growth failed. Nothing is written then.
+ */
 KEM_API KEM_FUNC_M KemSdMMAPFileWrite(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T phFile, KEM_PVOID_T pvBuf,
                                       KEM_UINT_T uiCnt, KEM_PINT_T piWritten);
 KEM_API KEM_FUNC_M KemSdMMAPFilePWrite(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T phFile, KEM_PVOID_T pvData,
@@ -442,8 +451,8 @@ KEM_API KEM_FUNC_M KemSdMMAPFileLSeek(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T ph
  * SDSTS_INVALID_PARAM: no mapping. SDSTS_FILE_FLUSH: failed. */
 KEM_API KEM_FUNC_M KemSdMMAPFileFlush(KEM_PSDCTX_T pSdCtx, KEM_INT_T flag, KEM_MMAPFILEHDL_T hFile);
 
-/* As KemSdFileSetEndOfFile; the handle's size follows, position and mapping stay. SDSTS_INVALID_PARAM without storing
- * it in the context: a handle without file or mapping. */
+/* As KemSdFileSetEndOfFile, but what the file grows by is reserved as below; the handle's size follows, position and
+ * mapping stay. SDSTS_INVALID_PARAM without storing it in the context: a handle without file or mapping. */
 KEM_API KEM_FUNC_M KemSdMMAPFileSetEndOfFile(KEM_PSDCTX_T pSdCtx, KEM_PMMAPFILEHDL_T phFile,
                                              KEM_LONG_T lNewFileEOFBytes, KEM_PLONG_T plSetFileEOFBytes,
                                              KEM_POSRETCODE_T pOsRetCode);

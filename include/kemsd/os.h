@@ -144,8 +144,7 @@ typedef struct KEM_SWAPINFO_T {
 
 typedef struct KEM_DRIVES_T {
     KEM_ULONG_T ulDriveCnt;
-    KEM_ULONG_T
-    ulDriveCur; /* ordinal of the last entry whose mount directory the current directory's path begins with */
+    KEM_ULONG_T ulDriveCur;   /* ordinal of the last entry whose mount directory the current directory begins with */
     KEM_BIT32_T bt32DriveMap; /* bit i: there is a drive of ordinal i + 1 */
 } KEM_DRIVES_T, *KEM_PDRIVES_T;
 
@@ -219,22 +218,25 @@ KEM_API KEM_FUNC_M KemSdOSInfoGet(KEM_PSDCTX_T pSdCtx, KEM_POSINFO_T pOSInfo);
 KEM_API KEM_FUNC_M KemSdDrivesGet(KEM_PSDCTX_T pSdCtx, KEM_PDRIVES_T pDrives);
 
 /* Writes a drive's mount directory, cut to sizeBuf - 1 characters. The ordinal (1 to 32), the buffer and a size above 0
- * are asserted. Guarded. SDSTS_OSR_DRIVE_NAME: there is no such drive. */
+ * are asserted. Guarded. SDSTS_OSR_DRIVE_NAME: there is no such drive; osRetCode is whatever errno holds
+ * where /etc/fstab can be read but has fewer entries. */
 KEM_API KEM_FUNC_M KemSdDriveOrdinalToName(KEM_PSDCTX_T pSdCtx, KEM_ULONG_T ulOrdinal, KEM_SIZE_T sizeBuf,
                                            KEM_STR_T pszDriveName);
 
 /* Fills the record of one drive; the ordinal (1 to 32) and the record are asserted. Fixed drives are those of ext2 and
- * ext3, remote ones of nfs. Guarded. SDSTS_OSR_DRIVE_INFO: there is no such drive. */
+ * ext3, remote ones of nfs. Guarded. SDSTS_OSR_DRIVE_INFO: there is no such drive; osRetCode as for its name. */
 KEM_API KEM_FUNC_M KemSdDriveInfoGet(KEM_PSDCTX_T pSdCtx, KEM_ULONG_T ulOrdinal, KEM_PDRIVEINFO_T pDriveInfo);
 
-/* Fills the records of the first ulCnt drives. Asserted. The first failure of KemSdDrivesGet or KemSdDriveInfoGet. */
+/* Fills the records of the first ulCnt drives, of all when there are fewer. Asserted. The first failure of
+ * KemSdDrivesGet or KemSdDriveInfoGet. */
 KEM_API KEM_FUNC_M KemSdDriveInfoArrGet(KEM_PSDCTX_T pSdCtx, KEM_ULONG_T ulCnt, KEM_PDRIVEINFO_T pDriveInfoArr);
 
 /* "Unknown", "Removable", "Fixed", "RAM" or "Remote" for 0 to 4; no other index is allowed. */
 KEM_API const char* KemSdDriveTypeAsString(KEM_ULONG_T DriveType);
 
 /* The bytes that KemSdOSResourcesGet needs, and that call: sizeBuf bytes are cleared and filled. Asserted.
- * SDSTS_OSR_BUFFER_SMALL: sizeBuf is less. Otherwise the first failure of the calls above and of the clock's. */
+ * SDSTS_OSR_BUFFER_SMALL (osRetCode 0): sizeBuf is less. Otherwise the first failure of the calls above and of the
+ * clock's. */
 KEM_API KEM_FUNC_M KemSdOSResourcesSizeGet(KEM_PSDCTX_T pSdCtx, size_t* pSizeOSResource);
 KEM_API KEM_FUNC_M KemSdOSResourcesGet(KEM_PSDCTX_T pSdCtx, KEM_SIZE_T sizeBuf, KEM_POSRESOURCES_T pOSResources);
 
@@ -338,7 +340,8 @@ typedef enum PROC_STATUS {
  * SDSTS_INVALID_PARAM: null. */
 KEM_API KEM_FUNC_M setUserIds(KEM_PSDCTX_T pSdCtx, const char* userName);
 
-/* Makes path the root directory. The system's result, 0 or -1, also in the context; osRetCode is errno. Guarded. */
+/* Makes path the root directory. The system's result, 0 or -1, also in the context; osRetCode is whatever errno
+ * holds. Guarded. SDSTS_INVALID_PARAM: null. */
 KEM_API KEM_FUNC_M KemChroot(KEM_PSDCTX_T pSdCtx, const char* path);
 
 /* ---- The process-wide thread-local slot ------------------------------------------------------------------------
@@ -472,7 +475,8 @@ KEM_API KEM_FUNC_M KemSdConsoleInit(KEM_PSDCTX_T pSdCtx, KEM_PCONSOLEHDL_T phCon
 KEM_API KEM_FUNC_M KemSdConsoleTerm(KEM_PSDCTX_T pSdCtx, KEM_PCONSOLEHDL_T phConsole);
 
 /* Writes sizeWrite bytes, by one system call; nothing for a null text or size 0. SDSTS_CONSOLE_WRITE: failed. Without a
- * handle it writes to standard output all the same, and a success then reads SDSTS_INVALID_PARAM. */
+ * handle it writes to standard output all the same, and a success then reads SDSTS_INVALID_PARAM. A write that took a
+ * part of the text counts as one that took all. */
 KEM_API KEM_FUNC_M KemSdConsoleWrite(KEM_PSDCTX_T pSdCtx, KEM_PCONSOLEHDL_T phConsole, KEM_SIZE_T sizeWrite,
                                      const char* pchBuf);
 
@@ -486,15 +490,17 @@ KEM_API KEM_FUNC_M KemSdConsoleKeyGet(KEM_PSDCTX_T pSdCtx, KEM_BOOL_T uspbDB, KE
                                       KEM_PKBDINFO_T pKbdInfo);
 
 /* Gives the operator one second to press a key, without waiting for a whole line and without showing it. *pbKeyHit and
- * *pKbdInfo, both of which may be null, receive the answer. What was typed before the call is discarded. Afterwards the
- * terminal has its settings back and the descriptor's status flags are all off.
- * SDSTS_INVALID_PARAM: phConsole is null. SDSTS_CONSOLE_FAILED: no key (osRetCode is EAGAIN), or the input is no
- * terminal. */
+ * *pKbdInfo, both of which may be null, receive the answer; *pKbdInfo stays as it was when no key came. What was typed
+ * before the call is discarded. Afterwards the terminal has its settings back and the descriptor's status flags are all
+ * off, also when a step in between has failed.
+ * SDSTS_INVALID_PARAM: phConsole is null. SDSTS_CONSOLE_FAILED: no key (osRetCode is EAGAIN), the input is no terminal
+ * (ENOTTY), a signal cut the second short (EINTR), or another step failed; osRetCode is that of the first one that did,
+ * and there can be a key all the same: *pbKeyHit tells. */
 KEM_API KEM_FUNC_M KemSdConsoleKeyHit(KEM_PSDCTX_T pSdCtx, KEM_PCONSOLEHDL_T phConsole, KEM_PBOOL_T pbKeyHit,
                                       KEM_PKBDINFO_T pKbdInfo);
 
 /* Reads a key from standard input as it is set up, so it waits unless the input does not; TRUE when there was one.
- * *pKbdInfo, which may be null, is zero when there was none. Readers that give the same lock, initialised by
+ * *pKbInfo, which may be null, is zero when there was none. Readers that give the same lock, initialised by
  * KemSdLWSpinlockInit, take turns; null: no lock. Both names do the same. */
 KEM_API KEM_BOOL_T KemSdConsoleIsKeyDown(KEM_PKBDINFO_T pKbInfo, KEM_LWSPINLOCK_T* pLock);
 KEM_API KEM_BOOL_T KemUnixConsoleIsKeyDown(KEM_PKBDINFO_T pKbInfo, KEM_LWSPINLOCK_T* pLock);
@@ -514,19 +520,22 @@ typedef void (*KEM_MODFUNC_T)(void);
 typedef KEM_MODFUNC_T* KEM_PMODFUNC_T;
 
 /* Loads the module and what it needs; functions are bound at their first call. The name goes to the loader as it is,
- * which searches for one without a "/"; bIsFileNameWithAbsolutePath is ignored. In failover mode the lease guard runs
- * first. *phMod is null on failure. SDSTS_INVALID_PARAM: phMod is null. SDSTS_MODULE_LOAD, osRetCode 0: not loaded; the
- * loader's text stands on standard error. */
+ * which searches for one without a "/"; null: the program itself. bIsFileNameWithAbsolutePath is ignored. In failover
+ * mode the lease guard runs first. *phMod is null on failure. SDSTS_INVALID_PARAM: phMod is null. SDSTS_MODULE_LOAD,
+ * osRetCode 0: not loaded; the loader's text stands on standard error, and KemSdModuleGetErrorMessage no longer has it.
+ */
 KEM_API KEM_FUNC_M KemSdModuleLoad(KEM_PSDCTX_T pSdCtx, const char* pszModuleName, KEM_PMODHDL_T phMod,
                                    KEM_BOOL_T bIsFileNameWithAbsolutePath);
 
-/* Stores the address of a module's function, null on failure. In failover mode the lease guard runs first.
+/* Stores the address of a module's function, null on failure. A null module stands for all that the program has loaded
+ * with it. In failover mode the lease guard runs first.
  * SDSTS_INVALID_PARAM: a null name or output. SDSTS_MODULE_SYMBOL: there is none; osRetCode is whatever errno holds. */
 KEM_API KEM_FUNC_M KemSdModuleProcAddrGet(KEM_PSDCTX_T pSdCtx, KEM_MODHDL_T hMod, const char* pszProcName,
                                           KEM_PMODFUNC_T pModFunc);
 
-/* Gives the module back; it is unmapped when nobody else has it. 0, or the loader's own result, which is no status of
- * the catalogue, with errno. */
+/* Gives the module back, once for each time that it was loaded; it is unmapped when nobody else has it, and its handle
+ * must not be used after that. 0, or the loader's own result, which is no status of the catalogue, with errno.
+ * SDSTS_INVALID_PARAM: null. */
 KEM_API KEM_FUNC_M KemSdModuleUnload(KEM_PSDCTX_T pSdCtx, KEM_MODHDL_T hMod);
 
 /* The loader's text about this thread's last failure, once, valid until the loader is used again; else "No errors". */

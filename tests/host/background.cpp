@@ -13,27 +13,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "support/stream.h"
+
 namespace kemsd::test {
-namespace {
-
-void closeEnd(int& end)
-{
-    if (end != -1) close(end);
-    end = -1;
-}
-
-// Takes what is there; closes the end at end of file.
-void drain(int& end, std::string& text)
-{
-    char buffer[4096];
-    const ssize_t got = read(end, buffer, sizeof buffer);
-    if (got > 0)
-        text.append(buffer, static_cast<size_t>(got));
-    else if (got == 0 || errno != EINTR)
-        closeEnd(end);
-}
-
-} // namespace
 
 Background::Background(const std::vector<std::string>& program)
 {

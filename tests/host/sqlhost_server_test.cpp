@@ -288,11 +288,11 @@ TEST_F(SqlServer, SignalsEndItInTheMidstOfAStatementAsOrderly)
     }
 }
 
-TEST_F(SqlServer, SecondServerIsRefusedWithTheFirstOnesProcessId)
+TEST_F(SqlServer, SecondServerIsRefusedWithTheFirstOnesProcessIdAndName)
 {
     serve();
-    EXPECT_THAT(host({"serve", directory()}), FailsSaying("a server with process id " + std::to_string(server().pid()) +
-                                                          " serves " + directory() + " already"));
+    EXPECT_THAT(host({"serve", directory()}),
+                FailsSaying(directory() + " is served by process " + std::to_string(server().pid()) + " (sqlhost)"));
     EXPECT_EQ("1", value("SELECT 1"));
     stopServer();
     serve();

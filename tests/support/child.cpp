@@ -13,6 +13,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "stream.h"
+
 namespace kemsd::test {
 namespace {
 
@@ -34,11 +36,6 @@ struct Pipe {
         closeEnd(read);
         closeEnd(write);
     }
-    static void closeEnd(int& end)
-    {
-        if (end != -1) close(end);
-        end = -1;
-    }
 };
 
 long milliseconds()
@@ -48,22 +45,11 @@ long milliseconds()
     return now.tv_sec * 1000 + now.tv_nsec / 1000000;
 }
 
-// Takes what is there; closes the end at end of file.
-void drain(int& end, std::string& text)
-{
-    char buffer[4096];
-    const ssize_t got = read(end, buffer, sizeof buffer);
-    if (got > 0)
-        text.append(buffer, static_cast<size_t>(got));
-    else if (got == 0 || errno != EINTR)
-        Pipe::closeEnd(end);
-}
-
 void leaveToChild(Pipe& in, Pipe& out, Pipe& err)
 {
-    Pipe::closeEnd(in.read);
-    Pipe::closeEnd(out.write);
-    Pipe::closeEnd(err.write);
+    closeEnd(in.read);
+    closeEnd(out.write);
+    closeEnd(err.write);
 }
 
 // Serves the child's streams until both are closed or the limit has passed, then reaps it.
@@ -72,7 +58,7 @@ Ended attend(pid_t child, Pipe& in, Pipe& out, Pipe& err, const std::string& inp
     Ended ended;
     leaveToChild(in, out, err);
     size_t written = 0;
-    if (input.empty()) Pipe::closeEnd(in.write);
+    if (input.empty()) closeEnd(in.write);
     const long limit = milliseconds() + seconds * 1000L;
     while (out.read != -1 || err.read != -1) {
         pollfd ends[] = {{out.read, POLLIN, 0}, {err.read, POLLIN, 0}, {in.write, POLLOUT, 0}};
@@ -90,7 +76,7 @@ Ended attend(pid_t child, Pipe& in, Pipe& out, Pipe& err, const std::string& inp
         if (ends[2].revents) {
             const ssize_t n = write(in.write, input.data() + written, input.size() - written);
             if (n > 0) written += static_cast<size_t>(n);
-            if (n < 0 || written == input.size()) Pipe::closeEnd(in.write);
+            if (n < 0 || written == input.size()) closeEnd(in.write);
         }
     }
     int status = 0;

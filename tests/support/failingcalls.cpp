@@ -82,6 +82,19 @@ Moment intervalAsked;
 Moment standing; // where the real-time clock stands still
 std::atomic<bool> standsStill{false};
 std::atomic<long> stray{0};
+std::atomic<bool> kindsHidden{false};
+
+// Where the opens of a path go. Changed while one thread runs.
+struct Redirection {
+    std::string from, to;
+};
+Redirection redirections[static_cast<size_t>(Call::count)];
+
+const char* redirected(Call call, const char* path)
+{
+    const Redirection& to = redirections[static_cast<size_t>(call)];
+    return !to.from.empty() && to.from == path ? to.to.c_str() : path;
+}
 
 std::vector<int64_t> plannedTimes; // changed while one thread runs, read by one at a time
 std::atomic<size_t> timesRead{0};
@@ -261,6 +274,17 @@ ClockAt::ClockAt(time_t seconds, long nanoseconds)
 
 ClockAt::~ClockAt() { standsStill = false; }
 
+KindsHidden::KindsHidden() { kindsHidden = true; }
+
+KindsHidden::~KindsHidden() { kindsHidden = false; }
+
+Redirected::Redirected(Call call, std::string from, std::string to) : call_(call)
+{
+    redirections[static_cast<size_t>(call)] = {std::move(from), std::move(to)};
+}
+
+Redirected::~Redirected() { redirections[static_cast<size_t>(call_)] = {}; }
+
 long strayCloses() { return stray; }
 
 PlannedTimes::PlannedTimes(std::vector<int64_t> nanoseconds)
@@ -335,6 +359,23 @@ int __real_close(int fd);
 int __real_clock_gettime(clockid_t clock, timespec* now);
 int __real_semtimedop(int id, sembuf* operations, size_t count, const timespec* limit);
 
+FILE* __real_fopen(const char* path, const char* mode);
+FILE* __real_setmntent(const char* path, const char* mode);
+
+FILE* __wrap_fopen(const char* path, const char* mode)
+{
+    const Passage passage(Call::fopen);
+    if (fails(Call::fopen)) return failedResult<FILE*>(Call::fopen, Failure::Null);
+    return __real_fopen(redirected(Call::fopen, path), mode);
+}
+
+FILE* __wrap_setmntent(const char* path, const char* mode)
+{
+    const Passage passage(Call::setmntent);
+    if (fails(Call::setmntent)) return failedResult<FILE*>(Call::setmntent, Failure::Null);
+    return __real_setmntent(redirected(Call::setmntent, path), mode);
+}
+
 int __wrap_semtimedop(int id, sembuf* operations, size_t count, const timespec* limit)
 {
     const Passage passage(Call::semtimedop);
@@ -394,6 +435,21 @@ int __wrap_close(int fd)
     const int result = __real_close(fd);
     if (result == -1 && errno == EBADF && fd != -1) stray.fetch_add(1);
     return result;
+}
+
+ssize_t __real_getdents64(int fd, void* entries, size_t bytes);
+
+ssize_t __wrap_getdents64(int fd, void* entries, size_t bytes)
+{
+    const Passage passage(Call::getdents64);
+    if (fails(Call::getdents64)) return failedResult<ssize_t>(Call::getdents64, Failure::Minus1);
+    const ssize_t filled = __real_getdents64(fd, entries, bytes);
+    for (ssize_t at = 0; kindsHidden && at < filled;) {
+        auto* entry = reinterpret_cast<dirent64*>(static_cast<char*>(entries) + at);
+        entry->d_type = DT_UNKNOWN;
+        at += entry->d_reclen;
+    }
+    return filled;
 }
 
 int __wrap_clock_gettime(clockid_t clock, timespec* now)

@@ -17,6 +17,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <string>
 #include <vector>
 
 namespace kemsd::test {
@@ -90,6 +91,27 @@ public:
     ~ClockAt();
     ClockAt(const ClockAt&) = delete;
     ClockAt& operator=(const ClockAt&) = delete;
+};
+
+// While it lives, getdents64 tells of no entry what kind it is, as some file systems do.
+class KindsHidden {
+public:
+    KindsHidden();
+    ~KindsHidden();
+    KindsHidden(const KindsHidden&) = delete;
+    KindsHidden& operator=(const KindsHidden&) = delete;
+};
+
+// While it lives, fopen or setmntent of the one path opens the other instead. One object a call at a time.
+class Redirected {
+public:
+    Redirected(Call call, std::string from, std::string to);
+    ~Redirected();
+    Redirected(const Redirected&) = delete;
+    Redirected& operator=(const Redirected&) = delete;
+
+private:
+    Call call_;
 };
 
 // Closes of what was not open, -1 excepted, since the last resetCalls(): a second close of a descriptor.

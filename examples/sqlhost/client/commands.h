@@ -10,6 +10,10 @@ namespace sqlhost {
 // answers. The first statement that fails ends it.
 void sqlOnServer(const std::string& directory, const std::vector<std::string>& statements, bool asCsv);
 
+// The same for statements that are typed at a prompt. A key pressed meanwhile stops an answer. Where there is no
+// terminal it is the above.
+void shellOnServer(const std::string& directory);
+
 // Has the server of a directory add the rows of a CSV file to a table, which is made when it does not exist: all of
 // them or none. The file is read and checked here.
 void importOnServer(const std::string& directory, const std::string& table, const std::string& file, bool spill);

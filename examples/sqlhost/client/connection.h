@@ -57,6 +57,8 @@ public:
     // A conversation that stands: the last one, or a new one when there is none or its server has ended. Throws
     // Failure.
     Connection& connection();
+    // Ends it at once, whatever it is waiting for.
+    void leave() { connection_.reset(); }
 
 private:
     KEM_PSDCTX_T context_;

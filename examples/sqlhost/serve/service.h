@@ -8,6 +8,7 @@
 #include "serve/sessions.h"
 #include "serve/writepause.h"
 #include "server.h"
+#include "sqlmodules.h"
 #include "wire/handshake.h"
 #include "wire/lockfile.h"
 #include "wire/serverdir.h"
@@ -18,7 +19,7 @@ class Service {
 public:
     // Claims the directory, which is made when missing, and clears what a server that was killed has left there.
     // SIGTERM, SIGINT and SIGHUP are blocked from now on. Throws Failure.
-    Service(Server& server, const std::string& directory);
+    Service(Server& server, const SqlModules& modules, const std::string& directory);
     // Leaves the directory as it was, but for the database and three empty files. All sessions have ended.
     ~Service();
     Service(const Service&) = delete;
@@ -29,6 +30,7 @@ public:
 
     // For the sessions' threads.
     Server& server() { return server_; }
+    const SqlModules& modules() const { return modules_; }
     const ServerDirectory& directory() const { return directory_; }
     const ServerIdentity& identity() const { return identity_; }
     Sessions& sessions() { return sessions_; }
@@ -40,10 +42,11 @@ public:
 
 private:
     struct Claimed {};
-    Service(Server& server, const std::string& directory, Claimed);
+    Service(Server& server, const SqlModules& modules, const std::string& directory, Claimed);
     void open();
     void clearStale();
     void openDatabase();
+    void tryModules();
     void openDoor();
     void writeNote();
     void serveOnce();
@@ -56,6 +59,7 @@ private:
     void clearAway();
 
     Server& server_;
+    const SqlModules& modules_;
     ServerDirectory directory_;
     LockFile serverLock_;
     LockFile clientsLock_;

@@ -36,10 +36,7 @@ ServerDirectory prepare(const std::string& named)
 // One server a directory. Throws Failure when there is another.
 void claim(KEM_PSDCTX_T context, LockFile& lock, const ServerDirectory& directory)
 {
-    if (lock.tryLock(0)) return;
-    const auto other = ServerIdentity::fromNote(lock.note(context));
-    throw Failure(other ? text("a server with process id %d serves %s already", other->pid, directory.path.c_str())
-                        : text("another server serves %s already", directory.path.c_str()));
+    if (!lock.tryLockWhole(context)) throw Failure(directory.path + " is served by " + lock.holder(context));
 }
 
 // The signals that end the server are read, and one that a closed standard error would end it by is ignored.
@@ -56,14 +53,16 @@ int takeSignals()
 } // namespace
 
 // The inner constructor completes at once, so that the destructor runs when a later step throws.
-Service::Service(Server& server, const std::string& directory) : Service(server, directory, Claimed())
+Service::Service(Server& server, const SqlModules& modules, const std::string& directory)
+    : Service(server, modules, directory, Claimed())
 {
     claim(server_.context(), serverLock_, directory_);
     open();
 }
 
-Service::Service(Server& server, const std::string& directory, Claimed)
+Service::Service(Server& server, const SqlModules& modules, const std::string& directory, Claimed)
     : server_(server),
+      modules_(modules),
       directory_(prepare(directory)),
       serverLock_(server.context(), directory_.serverLock, LockFile::Missing::make),
       clientsLock_(server.context(), directory_.clientsLock, LockFile::Missing::make),
@@ -84,6 +83,7 @@ void Service::open()
         static_cast<uint32_t>(now.lSeconds) * uint64_t{1000000} + static_cast<uint64_t>(now.lMicroseconds);
     writeNote();
     openDatabase();
+    tryModules();
     segments_.emplace(server_.context(), directory_, identity_.pid);
     openDoor();
     identity_.key = segments_->firstKey();
@@ -108,6 +108,13 @@ try {
 } catch (const Failure& failure) {
     const std::string why = failure.what();
     throw Failure(why.starts_with(directory_.database) ? why : directory_.database + ": " + why);
+}
+
+// A module that refuses is to be told to who starts the server, not to its clients.
+void Service::tryModules()
+{
+    Database database(directory_.database, DatabaseMode::existing);
+    modules_.addTo(database, server_.context());
 }
 
 void Service::openDoor()

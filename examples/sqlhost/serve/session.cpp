@@ -56,6 +56,19 @@ void Session::converse(KEM_PSDCTX_T context)
     }
 }
 
+// The connection, made for the first request that needs one. The guard comes last: no module loosens it.
+Database& Session::open(KEM_PSDCTX_T context, std::optional<Database>& database)
+try {
+    if (database) return *database;
+    database.emplace(service_.directory().database, DatabaseMode::existing);
+    service_.modules().addTo(*database, context);
+    guard(*database, channel_);
+    return *database;
+} catch (...) {
+    database.reset(); // half made
+    throw;
+}
+
 bool Session::answerNext(KEM_PSDCTX_T context, std::optional<Database>& database, Belongings& belongings)
 {
     Answer answer(context, channel_);
@@ -66,8 +79,7 @@ bool Session::answerNext(KEM_PSDCTX_T context, std::optional<Database>& database
         requests_.fetch_add(1, std::memory_order_relaxed);
         if (!kind.handler) return false;
         activity_.store(kind.what, std::memory_order_relaxed);
-        if (!database) guard(database.emplace(service_.directory().database, DatabaseMode::existing), channel_);
-        Desk desk{service_, *database, channel_, belongings, slot_, client_.pid};
+        Desk desk{service_, open(context, database), channel_, belongings, slot_, client_.pid};
         kind.handler(desk, request.payload, answer);
         answer.finish();
     } catch (const RequestFailure& failure) {

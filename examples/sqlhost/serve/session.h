@@ -41,6 +41,7 @@ private:
     static void* threadBody(void* session);
     void work();
     void converse(KEM_PSDCTX_T context);
+    Database& open(KEM_PSDCTX_T context, std::optional<Database>& database);
     bool answerNext(KEM_PSDCTX_T context, std::optional<Database>& database, Belongings& belongings);
     void refuseAll(const char* why);
 
