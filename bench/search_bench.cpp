@@ -24,8 +24,8 @@ namespace fs = std::filesystem;
 constexpr const char* kPeer = "std::filesystem";
 constexpr const char* kPattern = "page*.ind";
 constexpr unsigned kSearched = 100000; // files in the directory that is searched; all of them match
-constexpr unsigned kDirectories = 100; // of the tree that is removed
-constexpr unsigned kFilesOfEach = 99;
+constexpr unsigned kDirectories = 400; // of the tree that is removed
+constexpr unsigned kFilesOfEach = 24;
 constexpr unsigned kRemoved = kDirectories * (1 + kFilesOfEach);
 
 // In memory where the system offers it, so that the device is not measured. Removed at the end.
@@ -179,7 +179,7 @@ int main(int argc, char** argv)
     }
     return run(argc, argv,
                {"search",
-                "a directory of 100,000 files and trees of 100 directories with 99 files each, in memory; times are "
+                "a directory of 100,000 files and trees of 400 directories with 24 files each, in memory; times are "
                 "those of one entry",
                 addBenchmarks});
 }

@@ -10,9 +10,7 @@
 #include <cstring>
 #include <string>
 
-namespace sd::procstatus {
-void read(FILE* file, KemProcSysInfo& info);
-}
+#include "sd/sdosrlnx/procstatus.h"
 
 namespace {
 

@@ -20,7 +20,19 @@ void importCsv(Server& server, const ImportOptions& options);
 void runSql(Server& server, const SqlModules& modules, const std::string& database, const std::string& file,
             bool asCsv);
 
+struct PruneOptions {
+    std::string directory, pattern;
+    size_t keep = 0;
+    bool dryRun = false; // only say what would be removed
+};
+
+// Removes all but the newest of the regular files of a directory that a shell pattern matches, and prints their names.
+void prune(const PruneOptions& options);
+
 // Puts the database to work, with the statements of `file` or a workload of its own, and reports the memory in use.
 void reportMemory(Server& server, const std::string& database, const std::string& file);
+
+// Prints what kemsd tells about the machine and this process, as tables or as JSON.
+void showInfo(bool asJson);
 
 } // namespace sqlhost

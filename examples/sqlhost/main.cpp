@@ -12,6 +12,7 @@
 #include "client/commands.h"
 #include "commands.h"
 #include "serve/service.h"
+#include "sqlvfs.h"
 #include "text.h"
 #include "wire/protocol.h"
 
@@ -32,7 +33,10 @@ struct Options {
     std::string directory;
     std::vector<std::string> statements;
     bool csv = false;
+    bool json = false;
+    bool mapped = false;
     sqlhost::BackupOptions backup;
+    sqlhost::PruneOptions prune;
 };
 
 // Column widths need the characters' widths; numbers keep the decimal point.
@@ -40,6 +44,11 @@ void useUtf8()
 {
     setlocale(LC_CTYPE, "");
     if (strcmp(nl_langinfo(CODESET), "UTF-8") != 0) setlocale(LC_CTYPE, "C.UTF-8");
+}
+
+void addMapped(CLI::App& command, Options& options)
+{
+    command.add_flag("--mapped", options.mapped, "Read the database through a mapping of its file");
 }
 
 // ---- Commands on a database file ---------------------------------------------------------------------------------
@@ -75,7 +84,9 @@ void addRun(CLI::App& app, Options& options)
     command->add_option("FILE.sql", options.sqlFile, "File with statements, - for standard input (the default)");
     command->add_flag("--csv", options.csv, "Print results as CSV");
     addModules(*command, options);
+    addMapped(*command, options);
     command->final_callback([&options] {
+        if (options.mapped) sqlhost::readDatabasesMapped();
         Server server(options.memoryFile, options.verbose, Engine::oneThread);
         const sqlhost::SqlModules modules(server.context(), options.modules);
         runSql(server, modules, options.database, options.sqlFile, options.csv);
@@ -93,6 +104,25 @@ void addMemory(CLI::App& app, Options& options)
     });
 }
 
+void addInfo(CLI::App& app, Options& options)
+{
+    CLI::App* const command = app.add_subcommand("info", "Show the machine and this process as kemsd sees them");
+    command->add_flag("--json", options.json, "Print it as JSON");
+    command->final_callback([&options] { sqlhost::showInfo(options.json); });
+}
+
+void addPrune(CLI::App& app, Options& options)
+{
+    CLI::App* const command = app.add_subcommand("prune", "Remove all but the newest files that a pattern matches");
+    command->add_option("DIR", options.prune.directory, "Directory, as that of backups")->required();
+    command->add_option("PATTERN", options.prune.pattern, "Shell pattern of the names, in quotes")->required();
+    command->add_option("--keep", options.prune.keep, "How many of them are kept")
+        ->required()
+        ->check(CLI::NonNegativeNumber);
+    command->add_flag("--dry-run", options.prune.dryRun, "Only show what would be removed");
+    command->final_callback([&options] { sqlhost::prune(options.prune); });
+}
+
 // ---- The server and its clients ----------------------------------------------------------------------------------
 
 CLI::App* addServerCommand(CLI::App& app, Options& options, const char* name, const char* what)
@@ -107,7 +137,9 @@ void addServe(CLI::App& app, Options& options)
     CLI::App* const command =
         addServerCommand(app, options, "serve", "Serve the database of a directory, made when missing, until stopped");
     addModules(*command, options);
+    addMapped(*command, options);
     command->final_callback([&options] {
+        if (options.mapped) sqlhost::readDatabasesMapped();
         Server server(options.memoryFile, options.verbose, Engine::manyThreads);
         const sqlhost::SqlModules modules(server.context(), options.modules);
         sqlhost::Service(server, modules, options.directory).run();
@@ -167,11 +199,13 @@ int main(int argc, char** argv)
     app.add_flag("--verbose", options.verbose, "Show what start-up says");
     app.footer(
         "\nsqlhost import DB TABLE FILE.csv\nsqlhost run DB [FILE.sql|-]\nsqlhost memory DB [FILE.sql|-]\n"
+        "sqlhost prune DIR PATTERN --keep N\nsqlhost info\n"
         "\nsqlhost serve DIR\nsqlhost sql DIR [STATEMENT...]\nsqlhost shell DIR\nsqlhost import DIR TABLE FILE.csv\n"
         "sqlhost backup DIR DEST\nsqlhost status DIR\nsqlhost stop DIR");
     app.require_subcommand(1);
     app.fallthrough();
-    for (const auto add : {addImport, addRun, addMemory, addServe, addSql, addShell, addBackup, addStatus, addStop})
+    for (const auto add :
+         {addImport, addRun, addMemory, addPrune, addInfo, addServe, addSql, addShell, addBackup, addStatus, addStop})
         add(app, options);
     try {
         app.parse(argc, argv);

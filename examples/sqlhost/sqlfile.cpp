@@ -20,7 +20,7 @@ int fileClose(sqlite3_file* base)
 {
     KemsdFile& file = of(base);
     unlockFile(file, SQLITE_LOCK_NONE);
-    const KEM_STS_T status = KemSdFileClose(threadContext(), file.handle);
+    const KEM_STS_T status = KemSdMMAPFileClose(threadContext(), file.mapped);
     sqlite3_free(file.path);
     file.path = nullptr;
     return status == 0 ? SQLITE_OK : SQLITE_IOERR_CLOSE;
@@ -30,12 +30,13 @@ int fileClose(sqlite3_file* base)
 int fileRead(sqlite3_file* base, void* data, int count, sqlite3_int64 position)
 {
     KemsdFile& file = of(base);
+    if (readMapped(file, data, count, position)) return SQLITE_OK;
     char* at = static_cast<char*>(data);
     int64_t left = count;
     while (left > 0 && position <= kLongestFile) {
         KEM_UINT_T got = 0;
         const KEM_LONG_T offset = static_cast<KEM_LONG_T>(position);
-        if (KemSdFilePRead(threadContext(), file.handle, at, offset, static_cast<KEM_UINT_T>(left), &got) != 0)
+        if (KemSdFilePRead(threadContext(), file.handle(), at, offset, static_cast<KEM_UINT_T>(left), &got) != 0)
             return trouble(SQLITE_IOERR_READ, "cannot read", file.path);
         if (got == 0) break;
         at += got;
@@ -50,10 +51,10 @@ int fileRead(sqlite3_file* base, void* data, int count, sqlite3_int64 position)
 // Inside a transaction the thread holds its lease; what is written outside one, to temporary files, takes its own.
 KEM_STS_T writeAt(KemsdFile& file, void* data, KEM_LONG_T offset, KEM_UINT_T count, KEM_UINT_T* written)
 {
-    if (holdsLease()) return KemSdFilePWrite(threadContext(), file.handle, data, offset, count, written, nullptr);
+    if (holdsLease()) return KemSdFilePWrite(threadContext(), file.handle(), data, offset, count, written, nullptr);
     KEM_OSRETCODE_T error = 0;
     OV_THDCTX_T& thread = ThreadContext::current();
-    const KEM_STS_T status = KemSdLeasedFilePWrite(&thread, file.handle, data, offset, count, written, &error);
+    const KEM_STS_T status = KemSdLeasedFilePWrite(&thread, file.handle(), data, offset, count, written, &error);
     thread.pSdCtx->osRetCode = error; // giving the lease back may have overwritten it
     return status;
 }
@@ -80,7 +81,10 @@ int fileTruncate(sqlite3_file* base, sqlite3_int64 size)
     if (lease.result() != SQLITE_OK) return lease.result();
     KEM_LONG_T set = 0;
     const KEM_STS_T status =
-        KemSdFileSetEndOfFile(threadContext(), file.handle, static_cast<KEM_LONG_T>(size), &set, nullptr);
+        KemSdFileSetEndOfFile(threadContext(), file.handle(), static_cast<KEM_LONG_T>(size), &set, nullptr);
+    const int error = threadContext()->osRetCode;
+    followLength(file);
+    threadContext()->osRetCode = error;
     if (status == SDSTS_DISK_FULL) return trouble(SQLITE_FULL, "no space left for", file.path);
     return status == 0 ? SQLITE_OK : trouble(SQLITE_IOERR_TRUNCATE, "cannot truncate", file.path);
 }
@@ -88,7 +92,7 @@ int fileTruncate(sqlite3_file* base, sqlite3_int64 size)
 int fileSync(sqlite3_file* base, int)
 {
     KemsdFile& file = of(base);
-    if (KemSdFileFlush(threadContext(), file.handle) != 0)
+    if (KemSdFileFlush(threadContext(), file.handle()) != 0)
         return trouble(SQLITE_IOERR_FSYNC, "cannot flush", file.path);
     if (!file.syncDirectory) return SQLITE_OK;
     file.syncDirectory = false;
@@ -100,12 +104,12 @@ int fileSize(sqlite3_file* base, sqlite3_int64* size)
 {
     KemsdFile& file = of(base);
     KEM_LONG_T length = 0;
-    if (KemSdFileLength(threadContext(), file.handle, &length) != 0)
+    if (KemSdFileLength(threadContext(), file.handle(), &length) != 0)
         return trouble(SQLITE_IOERR_FSTAT, "cannot tell the length of", file.path);
     char beyond;
     KEM_UINT_T got = 0;
     const KEM_STS_T status =
-        KemSdFilePRead(threadContext(), file.handle, &beyond, static_cast<KEM_LONG_T>(kLongestFile), 1, &got);
+        KemSdFilePRead(threadContext(), file.handle(), &beyond, static_cast<KEM_LONG_T>(kLongestFile), 1, &got);
     if (status != 0) return trouble(SQLITE_IOERR_FSTAT, "cannot tell the length of", file.path);
     if (got != 0) {
         tooLong(file);

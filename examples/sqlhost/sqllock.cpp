@@ -45,7 +45,7 @@ struct flock lockOf(short type, Place place)
 int setLock(KemsdFile& file, short type, Place place)
 {
     struct flock lock = lockOf(type, place);
-    if (fcntl(file.handle, F_OFD_SETLK, &lock) == 0) return SQLITE_OK;
+    if (fcntl(file.handle(), F_OFD_SETLK, &lock) == 0) return SQLITE_OK;
     if (errno == EAGAIN || errno == EACCES) return SQLITE_BUSY;
     threadContext()->osRetCode = errno;
     return trouble(SQLITE_IOERR_LOCK, "cannot lock", file.path);
@@ -59,8 +59,10 @@ int lockShared(KemsdFile& file)
     result = setLock(file, F_RDLCK, kShared);
     const int opened = setLock(file, F_UNLCK, kPending);
     if (result == SQLITE_OK) result = opened;
-    if (result == SQLITE_OK) file.lockLevel = SQLITE_LOCK_SHARED;
-    return result;
+    if (result != SQLITE_OK) return result;
+    file.lockLevel = SQLITE_LOCK_SHARED;
+    followLength(file); // nobody cuts it any more
+    return SQLITE_OK;
 }
 
 int lockForWriting(KemsdFile& file, int level)
@@ -133,7 +135,7 @@ int checkReserved(KemsdFile& file, int* reserved)
     *reserved = writes(file);
     if (*reserved) return SQLITE_OK;
     struct flock lock = lockOf(F_WRLCK, kReserved);
-    if (fcntl(file.handle, F_OFD_GETLK, &lock) == -1) return SQLITE_IOERR_CHECKRESERVEDLOCK;
+    if (fcntl(file.handle(), F_OFD_GETLK, &lock) == -1) return SQLITE_IOERR_CHECKRESERVEDLOCK;
     *reserved = lock.l_type != F_UNLCK;
     return SQLITE_OK;
 }

@@ -25,13 +25,6 @@ thread_local std::string lastTrouble;
 
 // ---- Opening -----------------------------------------------------------------------------------------------------
 
-KEM_STS_T openFile(KEM_PSDCTX_T context, const char* path, int flags, int* handle)
-{
-    constexpr int kMode = 0644;
-    return flags & O_EXCL ? KemSdFileOpenExclusiveMode(context, path, flags, kMode, handle)
-                          : KemSdFileOpen(context, path, flags, kMode, handle);
-}
-
 int openFlags(int sqliteFlags)
 {
     int flags = sqliteFlags & SQLITE_OPEN_READWRITE ? O_RDWR : O_RDONLY;
@@ -72,16 +65,16 @@ int vfsOpen(sqlite3_vfs*, const char* name, sqlite3_file* base, int flags, int* 
     KemsdFile& file = *new (base) KemsdFile{};
     KEM_PSDCTX_T context = threadContext();
     const std::string path = name ? name : temporaryName();
-    file.handle = -1;
-    KEM_STS_T status = openFile(context, path.c_str(), openFlags(flags), &file.handle);
+    const bool database = flags & SQLITE_OPEN_MAIN_DB;
+    KEM_STS_T status = openFile(file, path.c_str(), openFlags(flags), database);
     if (status != 0 && (flags & SQLITE_OPEN_READWRITE) && mayStillBeRead(context)) {
         flags = (flags & ~(SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE)) | SQLITE_OPEN_READONLY;
-        status = openFile(context, path.c_str(), openFlags(flags), &file.handle);
+        status = openFile(file, path.c_str(), openFlags(flags), database);
     }
     if (status != 0) return trouble(SQLITE_CANTOPEN, "cannot open", path.c_str());
     file.path = sqlite3_mprintf("%s", path.c_str());
     if (!file.path) {
-        KemSdFileClose(context, file.handle);
+        KemSdMMAPFileClose(context, file.mapped);
         return SQLITE_NOMEM;
     }
     if (flags & SQLITE_OPEN_DELETEONCLOSE) KemSdFileRemove(context, path.c_str());

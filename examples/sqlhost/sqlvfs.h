@@ -10,9 +10,12 @@
 //     write pause never finds a transaction half written, and readers do not notice it;
 //   - there is no shared memory between processes, so no write-ahead log.
 //
+// A database can be read through a mapping of its file (sqlmap.cpp); it is written by its descriptor all the same.
+//
 // Any thread that has a ThreadContext may use it; the calls report into that thread's context.
 #pragma once
 
+#include <kemsd/file.h>
 #include <sqlite3.h>
 
 #include <string>
@@ -24,6 +27,9 @@ namespace sqlhost {
 // Registers the file system as SQLite's default.
 int registerKemsdVfs();
 
+// Databases that are opened from now on are read through a mapping where one can be had.
+void readDatabasesMapped();
+
 // Why the calling thread's last file operation failed, in words, or empty; asking forgets it.
 std::string takeFileTrouble();
 
@@ -32,12 +38,14 @@ std::string takeFileTrouble();
 constexpr int64_t kLongestFile = INT32_MAX; // the largest position that kemsd's file calls take
 
 struct KemsdFile {
-    sqlite3_file base; // must be first
-    int handle;
-    int lockLevel;      // SQLITE_LOCK_...
-    bool syncDirectory; // a new journal: its name is not yet on the disk
-    bool leased;        // one of the uses of its thread's write lease is its
-    char* path;         // null for an unnamed temporary file
+    sqlite3_file base;        // must be first
+    KEM_MMAPFILEHDL_T mapped; // or plain: then there is only a descriptor
+    int lockLevel;            // SQLITE_LOCK_...
+    bool syncDirectory;       // a new journal: its name is not yet on the disk
+    bool leased;              // one of the uses of its thread's write lease is its
+    char* path;               // null for an unnamed temporary file
+
+    int handle() const { return mapped.v.fd; }
 };
 
 extern const sqlite3_io_methods kKemsdFileMethods;
@@ -48,6 +56,13 @@ inline KEM_PSDCTX_T threadContext() { return ThreadContext::current().pSdCtx; }
 int trouble(int result, const char* what, const char* path);
 // Makes the names in the directory of `path` durable.
 int flushDirectory(const char* path);
+
+// Opens a file, for mapped reading if that is wanted of the databases and `database` says that it is one.
+KEM_STS_T openFile(KemsdFile& file, const char* path, int flags, bool database);
+// Reads through the mapping, if all bytes lie in it and may be read there now.
+bool readMapped(const KemsdFile& file, void* data, int count, sqlite3_int64 position);
+// Has the mapping follow the file's length. To be called when nobody else can cut the file any more, and after a cut.
+void followLength(KemsdFile& file);
 
 // Moves the file's lock up or down to a level; SQLITE_BUSY when another connection is in the way.
 int lockFile(KemsdFile& file, int level);

@@ -231,7 +231,7 @@ typedef struct KEM_FILEFINDINFO_T {
     char szFilePattern[KEM_FILEPATTERN_MAX]; /* pattern part of the search text */
     char szDirectory[KEM_FILEPATH_MAX];      /* directory part, ending with a slash */
     char szTmp[KEM_FILEPATTERN_MAX];         /* the current match's name, of a longer one its first 120 characters */
-    char* pszFileName;          /* after a match the whole name: szTmp, or findInfo.d_name if that is longer */
+    char* pszFileName;          /* the match's whole name: szTmp, or findInfo.d_name if that is longer; else null */
     KEM_ULONGLONG_T ulFileAttr; /* 0x4000 for a directory, 0x8000 for anything else */
     KEM_ULONGLONG_T ulFindAttr; /* the caller's attribute filter; stored, not applied */
     KEM_ULONGLONG_T fileSize;   /* bytes of a matched non-directory */
@@ -250,8 +250,8 @@ KEM_API KEM_FUNC_M KemSdFileFindFirst(KEM_PSDCTX_T pSdCtx, const char* pszFilePa
  * reader's result. SDSTS_FILE_FIND_NEXT: it could not be looked at. */
 KEM_API KEM_FUNC_M KemSdFileFindNext(KEM_PSDCTX_T pSdCtx, KEM_PFILEFINDINFO_T pFileFindInfo);
 
-/* Ends the search. Not guarded. SDSTS_INVALID_PARAM: null. SDSTS_FILE_FIND_CLOSE: no search runs, as after a first close
- * (osRetCode is EFAULT), or the stream could not be closed (errno). */
+/* Ends the search. Not guarded. SDSTS_INVALID_PARAM: null. SDSTS_FILE_FIND_CLOSE: no search runs, as after a first
+ * close (osRetCode is EFAULT), or the stream could not be closed (errno). */
 KEM_API KEM_FUNC_M KemSdFileFindClose(KEM_PSDCTX_T pSdCtx, KEM_PFILEFINDINFO_T pFileFindInfo);
 
 /* What FindFirst and FindNext do inside: the next name of the record's open stream that its pattern matches, or equals,
@@ -480,9 +480,10 @@ KEM_API KEM_FUNC_M KemSdMMAPFileClose(KEM_PSDCTX_T pSdCtx, KEM_MMAPFILEHDL_T hFi
  *     computeMeanwhile();
  *     if (sts == SDSTS_DIO_READ_PENDING) sts = KemSdDirectIOWait(ctx, file, &request, &blocks);
  *
- * Until the wait has collected a request, its buffer and its control block must stay as they are. Any thread may call;
- * a control block is one request's. osRetCode is errno after a failure, else 0. A null buffer or output gives
- * SDSTS_INVALID_PARAM. All calls are guarded but the close and those on arrays of control blocks. */
+ * Until the wait has collected a request, its buffer and its control block must stay as they are. The C library serves
+ * requests with threads of its own: those on one handle one after the other, those on different handles side by side.
+ * Any thread may call; a control block is one request's. osRetCode is errno after a failure, else 0. A null buffer or
+ * output gives SDSTS_INVALID_PARAM. All calls are guarded but the close and those on arrays of control blocks. */
 
 /* The system's control block of a request; zero it before its first use. */
 typedef struct aiocb KEM_NOWAITIO_CB_T, *KEM_PNOWAITIO_CB_T;
@@ -546,7 +547,7 @@ KEM_API KEM_FUNC_M KemSdDirectIOFileSetEndOfFile(KEM_PSDCTX_T pSdCtx, KEM_FILEHD
                                                  KEM_ULONG_T ulNewFileEOFBlocks, KEM_PULONG_T pulSetFileEOFBlocks);
 
 /* The largest file in bytes: what the volume's file system allows by its number of file-size bits, or the process's
- * limit when that is lower. File systems of 53 bits and more, all usual ones, answer -1.0. SDSTS_INVALID_PARAM: a null
+ * limit when that is lower. File systems of 53 bits and more, the usual ones, answer -1.0. SDSTS_INVALID_PARAM: a null
  * name. SDSTS_DIO_MAX_FILE_SIZE: the file system's limit is not known and counts as 0.0, or the process's is not known
  * and nothing is stored. */
 KEM_API KEM_FUNC_M KemSdDirectIOMaxFileSizeGet(KEM_PSDCTX_T pSdCtx, const char* pszVolumeName,

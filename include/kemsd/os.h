@@ -144,8 +144,7 @@ typedef struct KEM_SWAPINFO_T {
 
 typedef struct KEM_DRIVES_T {
     KEM_ULONG_T ulDriveCnt;
-    KEM_ULONG_T
-    ulDriveCur; /* ordinal of the last entry whose mount directory the current directory's path begins with */
+    KEM_ULONG_T ulDriveCur;   /* ordinal of the last entry whose mount directory the current directory begins with */
     KEM_BIT32_T bt32DriveMap; /* bit i: there is a drive of ordinal i + 1 */
 } KEM_DRIVES_T, *KEM_PDRIVES_T;
 

@@ -192,8 +192,10 @@ KEM_STS_T readAt(KEM_PSDCTX_T ctx, const KEM_MMAPHDL_T& file, KEM_OFF_T at, void
 {
     *got = 0;
     if (!hasMapping(file) || at < 0) return finishRefused(ctx, SDSTS_FILE_READ, 0);
-    const auto there = std::clamp<KEM_OFF_T>(std::min(file.size, file.len) - at, 0, wanted);
-    return copyAndFinish(ctx, to, file.pmemmap + at, static_cast<KEM_UINT_T>(there), got);
+    const KEM_OFF_T left = std::min(file.size, file.len) - at;
+    if (left <= 0) return finish(ctx, ok());
+    const auto bytes = static_cast<KEM_UINT_T>(std::min<KEM_OFF_T>(wanted, left));
+    return copyAndFinish(ctx, to, file.pmemmap + at, bytes, got);
 }
 
 Outcome makeRoom(KEM_MMAPHDL_T& file, KEM_OFF_T at, KEM_UINT_T bytes)

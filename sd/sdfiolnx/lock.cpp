@@ -85,7 +85,9 @@ void readProcessEntry(pid_t pid, std::initializer_list<Field> fields)
     snprintf(path, sizeof path, "/proc/%d/stat", pid);
     FILE* const entry = fopen(path, "r");
     if (!entry) return;
-    for (const Field& field : fields) [[maybe_unused]] const int stored = fscanf(entry, field.format, field.to);
+    for (const Field& field : fields) {
+        [[maybe_unused]] const int stored = fscanf(entry, field.format, field.to);
+    }
     fclose(entry);
 }
 

@@ -91,11 +91,13 @@ void popName(Walk& walk) { walk.nameBytes = lastName(walk) - walk.names; }
 
 // ---- What is no directory
 
-// The entry may have been exchanged for a link since it was seen; the mode of what that leads to is not changed.
+// The entry may be a link, or have been exchanged for one since it was seen; the mode of what that leads to is not
+// changed, nor that of a directory.
 void makeWritable(int directory, const char* name)
 {
     struct stat record;
-    if (fstatat(directory, name, &record, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(record.st_mode))
+    if (fstatat(directory, name, &record, AT_SYMLINK_NOFOLLOW) == -1) return;
+    if (!S_ISLNK(record.st_mode) && !S_ISDIR(record.st_mode))
         (void)fchmodat(directory, name, kWritable, AT_SYMLINK_NOFOLLOW);
 }
 

@@ -174,10 +174,12 @@ TEST_F(MappedFile, ReadsInSequenceUpToTheEnd)
 TEST_F(MappedFile, ReadsNothingBehindTheEnd)
 {
     open(kDigits);
-    hdl().cur = 5000;
-    EXPECT_THAT(read(4), Succeeds());
-    EXPECT_EQ(count_, 0);
-    EXPECT_EQ(hdl().cur, 5000);
+    for (const KEM_OFF_T behind : {KEM_OFF_T{11}, kMapped + 1, INT64_MAX}) {
+        hdl().cur = behind;
+        EXPECT_THAT(read(4), Succeeds());
+        EXPECT_EQ(count_, 0);
+        EXPECT_EQ(hdl().cur, behind);
+    }
     for (const KEM_LONG_T offset : {10, 11, INT32_MAX}) {
         EXPECT_THAT(readAt(offset, 4), Succeeds());
         EXPECT_EQ(count_, 0);

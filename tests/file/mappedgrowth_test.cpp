@@ -1,13 +1,12 @@
 // A mapped file that grows, and what stops it.
 
-#include <sched.h>
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include "mappedfile.h"
 #include "support/child.h"
+#include "support/smalldisk.h"
 
 using namespace kemsd::test;
 
@@ -297,9 +296,7 @@ TEST_F(MappedGrowth, AFullDiskIsAStatusAndNeverASignal)
 {
     constexpr int kNotAllowed = 77;
     const Ended ended = inChild([this] {
-        if (unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return kNotAllowed;
-        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
-        if (mount("full", dir_.path().c_str(), "tmpfs", 0, "size=64k,mode=0777") != 0) return kNotAllowed;
+        if (!mountDisk(dir_.path(), 1 << 16)) return kNotAllowed;
         openGrowing(0, kMapped);
         EXPECT_THAT(write(std::string(60000, 'b')), Succeeds());
         EXPECT_THAT(write(std::string(60000, 'c')), Fails(SDSTS_DISK_FULL, ENOSPC));

@@ -103,7 +103,7 @@ TEST_F(Removal, TakesAReadOnlyFile)
 
 TEST_F(Removal, TakesManyEntriesWithManyNames)
 {
-    for (int i = 0; i < 1500; ++i) {
+    for (int i = 0; i < 600; ++i) {
         write("file with a longer name " + std::to_string(i));
         makeDirectory("directory with a longer name " + std::to_string(i));
     }
@@ -221,6 +221,20 @@ TEST_F(Removal, AFileExchangedForALinkBeforeItsModeIsChangedLeadsNowhere)
     EXPECT_TRUE(exchange.happened());
     EXPECT_TRUE(gone());
     EXPECT_EQ(modeOf(outside), 0400u);
+}
+
+TEST_F(Removal, ADirectoryInThePlaceOfAFileThatMayNotGoKeepsItsMode)
+{
+    write("file");
+    const Failing refused = Failing::nth(Call::unlinkat, 1, EACCES);
+    const Interrupting exchange(Call::fstatat, 1, When::Before, [&] {
+        fs::remove(in("file"));
+        write("file/.hidden");
+        fs::permissions(in("file"), fs::perms::owner_all);
+    });
+    EXPECT_THAT(remove(), Succeeds());
+    EXPECT_TRUE(exchange.happened());
+    EXPECT_EQ(modeOf(in("file")), 0700u);
 }
 
 // ---- What changes while the walk is on its way

@@ -89,7 +89,7 @@ TEST_F(SqlModuleRefused, FileIsNoModule)
 
 TEST_F(SqlModuleRefused, FunctionIsMissing)
 {
-    const std::string file = STOP_IN_PAUSE;
+    const std::string file = REQUESTS;
     expectRefusal(file, file + " is no module for sqlhost: " + file + ": undefined symbol: sqlhostRegister");
 }
 

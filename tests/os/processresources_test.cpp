@@ -9,16 +9,13 @@
 #include <cstring>
 #include <string>
 
+#include "sd/sdosrlnx/procstatus.h"
 #include "support/child.h"
 #include "support/failingcalls.h"
 #include "support/report.h"
 #include "support/tempdir.h"
 
 using namespace kemsd::test;
-
-namespace sd::procstatus {
-PROC_STATUS keyOf(const char* line);
-}
 
 namespace {
 

@@ -36,10 +36,7 @@ ServerDirectory prepare(const std::string& named)
 // One server a directory. Throws Failure when there is another.
 void claim(KEM_PSDCTX_T context, LockFile& lock, const ServerDirectory& directory)
 {
-    if (lock.tryLock(0)) return;
-    const auto other = ServerIdentity::fromNote(lock.note(context));
-    throw Failure(other ? text("a server with process id %d serves %s already", other->pid, directory.path.c_str())
-                        : text("another server serves %s already", directory.path.c_str()));
+    if (!lock.tryLockWhole(context)) throw Failure(directory.path + " is served by " + lock.holder(context));
 }
 
 // The signals that end the server are read, and one that a closed standard error would end it by is ignored.

@@ -1,4 +1,4 @@
-// kemsd's file locks belong to the process and cover the whole file; these are asked of the system directly.
+// The locks on bytes are asked of the system directly: kemsd's cover the whole file and belong to the process.
 #include "wire/lockfile.h"
 
 #include <fcntl.h>
@@ -35,6 +35,25 @@ LockFile::LockFile(KEM_PSDCTX_T context, const std::string& path, Missing missin
 LockFile::~LockFile()
 {
     if (handle_ != -1) KemSdFileClose(nullptr, handle_);
+}
+
+bool LockFile::tryLockWhole(KEM_PSDCTX_T context)
+{
+    constexpr KEM_USHORT_T kExclusive = 1;
+    if (KemSdFileLock(context, handle_, kExclusive) == 0) return true;
+    const int error = context->osRetCode;
+    if (error != EAGAIN && error != EACCES) throw Failure(text("cannot lock %s: %s", path_.c_str(), strerror(error)));
+    return false;
+}
+
+// Its name comes in parentheses. A holder that has gone meanwhile has no id, one in another name space none of ours.
+std::string LockFile::holder(KEM_PSDCTX_T context) const
+{
+    KEM_ULONG_T pid = 0, parent = 0, group = 0;
+    KEM_UCHAR_T name[64] = "", state = 0; // the system keeps 15 characters of a name
+    const KEM_STS_T status = KemSdFileLockProcInfo(context, handle_, &pid, name, &state, &parent, &group);
+    if (status != 0 || static_cast<KEM_PROCID_T>(pid) <= 0) return "another process";
+    return text("process %u %s", pid, reinterpret_cast<const char*>(name));
 }
 
 bool LockFile::tryLock(int64_t byte)

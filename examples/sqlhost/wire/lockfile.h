@@ -1,7 +1,11 @@
 // A file whose bytes are locked to tell other processes that this one lives, and what it says about itself.
 //
-// A lock belongs to the open file, and the kernel drops it when the process ends, however it ends. So nobody has to
-// trust a process id. The file stays when its users are gone: one that is removed could be locked twice.
+// The kernel drops a lock when the process ends, however it ends. So nobody has to trust a process id. The file stays
+// when its users are gone: one that is removed could be locked twice.
+//
+// There are two kinds, which keep each other out. A byte's lock belongs to the open file, so several users of one
+// process have their own. The whole file's is kemsd's: it belongs to the process, and the system can tell which that
+// is.
 #pragma once
 
 #include <kemsd/context.h>
@@ -19,6 +23,12 @@ public:
     ~LockFile();
     LockFile(const LockFile&) = delete;
     LockFile& operator=(const LockFile&) = delete;
+
+    // Locks the whole file for this process, without waiting; false when another one has locked it or a byte of it. The
+    // process must open the file only once: closing any other descriptor of it would drop the lock. Throws Failure.
+    bool tryLockWhole(KEM_PSDCTX_T context);
+    // The process that has locked it, by its id and name; one that cannot be told is "another process".
+    std::string holder(KEM_PSDCTX_T context) const;
 
     // Locks a byte, without waiting; false when it is locked elsewhere. Throws Failure.
     bool tryLock(int64_t byte);

@@ -16,7 +16,7 @@ struct ServerDirectory {
 
     std::string path;        // full
     std::string database;    // the database
-    std::string serverLock;  // byte 0 locked by the server; its note is the server's identity
+    std::string serverLock;  // locked by the server; its note is the server's identity
     std::string clientsLock; // a byte for each connection, locked by the client
     std::string connectLock; // byte 0 locked by the client that is being let in
     std::string connect;     // the named pipe: connect_1 to the server, connect_2 back
