@@ -775,11 +775,12 @@ KEM_API KEM_LONG64_T KemSdGetNumaNodeIdFromIndex(KEM_LONG64_T i);
 KEM_API void KemSdBindThreadToNode(void* thdctxp, KEM_LONG64_T nodeId);
 KEM_API void KemSdBindThreadToNumaNode(void* thdctxp, KEM_LONG64_T nodeId);
 
-/* Stores size bytes of the node's memory, and the number to give back with it: size, or 0 where the C library had to
- * serve instead. A thread that was never bound is bound to the node afterwards. 0, or errno without memory; while off
- * always 0, with null stored where there is none. SDSTS_INVALID_PARAM: a null output. */
+/* Stores size bytes obtained while the thread is bound to the node, and the number to give back with them: size, or 0
+ * where the C library had to serve instead. A page takes its place when it is first written: on the node of the thread
+ * that writes it. Afterwards the thread is bound as before; one that was never bound stays on the node. 0, or errno
+ * without memory; while off always 0, with null stored where there is none. SDSTS_INVALID_PARAM: a null output. */
 KEM_API int KemSdAllocOnNumaNode(void* thdctxp, size_t size, size_t* allocSize, void** ppvfBuf, KEM_LONG64_T nodeId);
-/* Frees it; size is the number that came with it. Always 0. */
+/* Frees it; size is the number that came with it, and the table must be as it was then: full, or empty. Always 0. */
 KEM_API int KemSdFreeOnNumaNode(void* tctxp, size_t size, void* ptr);
 
 /* Frees memory of the C library. SDSTS_INVALID_PARAM: null. */
@@ -790,7 +791,8 @@ KEM_API KEM_FUNC_M KemSdExtAllocMemFree(KEM_PSDCTX_T pSdCtx, void* ptr);
  * SDSTS_NO_MEMORY, null stored: the server is told. */
 KEM_API int ovMallocOnNode(void* thdctxp, size_t size, size_t* allocSize, void** ppvfBuf, KEM_LONG64_T nodeId,
                            const char* fname, long line);
-/* SDSTS_INVALID_PARAM: null. A block of the crash-time reserve stays. */
+/* Frees what ovMallocOnNode gave, under the setting of hardware acceleration and with the table of then. A block of the
+ * crash-time reserve stays. SDSTS_INVALID_PARAM: null. */
 KEM_API int ovFreeOnNode(void* thdctxp, size_t size, void* ptr, const char* fname, long line);
 
 /* ---- Per-thread free lists -------------------------------------------------------------------------------------- */
