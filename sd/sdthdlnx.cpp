@@ -1,5 +1,6 @@
 // Threads and processes: each call is one call of the thread library or the system, its outcome stored in the caller's
-// context. A thread's handle is a copy of its id. No state, no locks.
+// context. A thread's handle is a copy of its id. No state, no locks. The one that waits is the suspension of a thread
+// that another one's fatal exception has stopped.
 //
 // No call here may be noexcept: a thread can end inside KemSdThreadExit, which unwinds the stack.
 
@@ -57,6 +58,12 @@ KEM_STS_T derivedPriority(KEM_PSDCTX_T ctx, KEM_PTHDHDL_T pThdHdl, KEM_PLONG_T p
     if (outcome.failed()) return finish(ctx, outcome);
     *plThdPriority += above;
     return finish(ctx, ok());
+}
+
+// Signals are still handled, and each ends one wait.
+[[noreturn]] void waitForEver()
+{
+    for (;;) pause();
 }
 
 KEM_STS_T notSupported(KEM_PSDCTX_T ctx) { return finish(ctx, fail(SDSTS_NOT_SUPPORTED)); }
@@ -139,7 +146,12 @@ KEM_FUNC_M KemSdThreadBasePriorityGet(KEM_PSDCTX_T pSdCtx, KEM_PTHDHDL_T pThdHdl
     return derivedPriority(pSdCtx, pThdHdl, plThdPriority, 0, SDSTS_THREAD_BASE_PRIORITY);
 }
 
-KEM_FUNC_M KemSdThreadSuspend(KEM_PSDCTX_T pSdCtx, KEM_PTHDHDL_T) { return notSupported(pSdCtx); }
+KEM_FUNC_M KemSdThreadSuspend(KEM_PSDCTX_T pSdCtx, KEM_PTHDHDL_T pThdHdl)
+{
+    // A thread can be suspended by itself alone, and only where nobody will ever ask it to go on.
+    if (!pThdHdl && sd::stoppedByFatalException()) waitForEver();
+    return notSupported(pSdCtx);
+}
 
 KEM_FUNC_M KemSdThreadResume(KEM_PSDCTX_T pSdCtx, KEM_PTHDHDL_T) { return notSupported(pSdCtx); }
 

@@ -645,11 +645,11 @@ KEM_API int ovMprotect(void* ptr, int prot, const char* fname, long line);
  * all of them. What falls empty is kept for the next items. Example:
  *
  *     KEM_STACKHDR_T* stack;
- *     void *mark, *item;
- *     KemSdMemStackCreate(ctx, &stack, 16, 65536);
- *     KemSdMemStackAllocAndPush(ctx, stack, 0, &mark);
- *     KemSdMemStackAllocAndPush(ctx, stack, 300, &item);
- *     KemSdMemStackPopAndFree(ctx, stack, mark);    // item is gone
+ *     void *first, *second;
+ *     KemSdMemStackCreate(ctx, &stack, 8, 65536);
+ *     KemSdMemStackAllocAndPush(ctx, stack, 300, &first);
+ *     KemSdMemStackAllocAndPush(ctx, stack, 40, &second);
+ *     KemSdMemStackPopAndFree(ctx, stack, first);    // both are gone
  *     KemSdMemStackDelete(ctx, stack);
  *
  * A stack is used by one thread at a time and has no lock. Sizes are bytes; osRetCode is 0 unless the system's page
@@ -674,20 +674,24 @@ typedef struct KEM_STACKHDR_T {
 
 KEM_STATIC_ASSERT(sizeof(KEM_BLOCKHDR_T) == 16 && sizeof(KEM_STACKHDR_T) == 56, "memory stack layout");
 
-/* Makes a stack whose items are aligned to ulItemAlignment, with one block of ulBlockSize bytes, rounded so that it and
- * 128 bytes in front of it are whole pages. Release it by KemSdMemStackDelete, also after a failure that has stored
- * one. SDSTS_INVALID_PARAM: ppStackHdr is null, the alignment is no power of two, or the size is beyond what the system
+/* Makes a stack with one block of ulBlockSize bytes, rounded so that it and 128 bytes in front of it are whole pages.
+ * Items lie at multiples of ulItemAlignment from the start of their block; the blocks themselves are aligned to 8
+ * bytes. Release the stack by KemSdMemStackDelete, also after a failure that has stored one, which is empty.
+ * SDSTS_INVALID_PARAM: ppStackHdr is null, the alignment is no power of two, or the size is beyond what the system
  * allows. SDSTS_OSR_SYSCONF with errno: page size or limits are not to be had. Else the allocator's failure. */
 KEM_API KEM_FUNC_M KemSdMemStackCreate(KEM_PSDCTX_T pSdCtx, KEM_STACKHDR_T** ppStackHdr, KEM_ULONG_T ulItemAlignment,
                                        KEM_ULONG_T ulBlockSize);
 
-/* Stores an item of ulSz bytes, which may be 0. An item never spans blocks; one larger than a block gets its own.
- * SDSTS_INVALID_PARAM: a null pointer, or more than can be had. Else the allocator's failure: nothing has changed. */
+/* Stores an item of ulSz bytes, which may be 0. An item never spans blocks; one larger than a block gets its own. An
+ * item of 0 bytes may lie at the very end of its block, where nothing can be popped to.
+ * SDSTS_INVALID_PARAM: a null pointer, or more than can be had: what a block of 32-bit size or the system's limit
+ * allows. Else the allocator's failure. Nothing has changed after a failure. */
 KEM_API KEM_FUNC_M KemSdMemStackAllocAndPush(KEM_PSDCTX_T pSdCtx, KEM_PSTACKHDR_T pStackHdr, KEM_ULONG_T ulSz,
                                              void** ppBuf);
 
-/* Releases pBuf and every item behind it. SDSTS_INVALID_PARAM: null stack, or pBuf does not lie in it; nothing changes.
- * Else the failure of releasing a block. */
+/* Releases pBuf and every item behind it. Of the blocks that fall empty one of the usual size may stay as a reserve,
+ * the others are freed. SDSTS_INVALID_PARAM: null stack, or pBuf does not lie in it; nothing changes. Else the failure
+ * of releasing a block. */
 KEM_API KEM_FUNC_M KemSdMemStackPopAndFree(KEM_PSDCTX_T pSdCtx, KEM_PSTACKHDR_T pStackHdr, void* pBuf);
 
 /* Releases all items and keeps all blocks. A stack without items is left alone, and so is the context.
@@ -699,34 +703,39 @@ KEM_API KEM_FUNC_M KemSdMemStackDelete(KEM_PSDCTX_T pSdCtx, KEM_PSTACKHDR_T pSta
 
 /* ---- Crash-time memory ------------------------------------------------------------------------------------------
  * A process that has met a fatal exception must not trust its heaps any more, but may need memory to say what happened.
- * A server sets 1 MiB aside at its start; its handler of fatal signals declares the exception, and from then on every
- * allocation of the handling thread is cut from that reserve. All other threads that allocate are stopped. Example:
+ * A server sets 1 MiB aside at its start; its handler of fatal signals declares the exception, and from then on the
+ * ovMemExt calls and ovMallocOnNode cut what the handling thread requests from that reserve, and stop every other
+ * thread that calls them. So do ovMalloc and its family while the thread heaps are off; while they are on, a handler
+ * must not use these, whose locks the crash may have left taken. Example:
  *
  *     KemSdXcptCreateStackHeader();                  // at start-up
  *
  *     KemSdXcptSetFatExceptionOccured(TRUE);         // in the handler of a fatal signal; TRUE: end with a core dump
- *     void* text;
- *     ovMalloc(threadContext, 4096, &text, __FILE__, __LINE__);    // from the reserve
+ *     char* text = ovMemExtMalloc(4096, 2);          // from the reserve, aligned to 8 bytes
  *
- * Nothing of the reserve is ever given back. A request that it cannot serve ends the process, as declared: by abort(),
- * or by exit with status 0. Three copies of the reserve's header guard against stray writes; one damaged copy is
+ * Nothing of the reserve is ever given back. A request that it cannot serve, one of 0 bytes and one for a null output
+ * included, ends the process, as declared: by abort(), or by exit with status 0. A handler of SIGABRT should therefore
+ * be installed with SA_RESETHAND. Three copies of the reserve's header guard against stray writes; one damaged copy is
  * repaired. Allocations go there by themselves: the ovXcpt calls are what the other entry points use. */
 
-/* Sets the reserve aside, once; a failure shows at the first request. */
+/* Sets the reserve aside, once: a failure shows at the first request, and a further call does nothing. */
 KEM_API void KemSdXcptCreateStackHeader(void);
-/* Gives it back, unused or not; a request that comes later ends the process. */
+/* Gives it back, used or not; a request that comes later ends the process. Without a reserve it does nothing. */
 KEM_API void KemSdXcptDestroyStackHeader(void);
 
-/* Declares the exception for the calling thread; for good. A failure to learn the thread's id is returned and changes
- * nothing. Async-signal-safe, like the calls below. */
+/* Declares the exception for the calling thread; for good. Another thread that declares one as well takes the reserve
+ * over, and the first is stopped at its next request. A failure to learn the thread's id is returned and changes
+ * nothing. Async-signal-safe, like the calls below as long as the reserve serves them. */
 KEM_API KEM_STS_T KemSdXcptSetFatExceptionOccured(KEM_BOOL_T bDoCoreDumpOnCrash);
 
 /* Not 0 once an exception is declared. */
 KEM_API OV_LONG_T ovXcptFatExceptionOccured(void);
 
 /* Memory from the reserve, for the thread that declared the exception: 0, or the process ends. Calloc clears it and
- * forms the size in 32 bits. Realloc takes the old item or null in *ppvBuf, stores the new one there and copies up to
- * ulSz bytes; the old item stays. Other threads wait for ever. pSdCtx is unused. */
+ * forms the size in 32 bits, where it wraps. Realloc takes the old item or null in *ppvBuf, stores the new one there
+ * and copies ulSz bytes, be the old item shorter or not; the old item stays, and an address that is none of the reserve
+ * ends the process. Other threads wait for ever; before any declaration every request ends the process. pSdCtx is
+ * unused. */
 KEM_API OV_STS_T ovXcptMemAlloc(void* pSdCtx, OV_ULONG_T ulSz, void** ppvBuf);
 KEM_API OV_STS_T ovXcptMemCalloc(void* pSdCtx, OV_UINT_T uiBlockCnt, OV_ULONG_T ulBlockSz, void** ppvBuf);
 KEM_API OV_STS_T ovXcptMemRealloc(void* pSdCtx, OV_ULONG_T ulSz, void** ppvBuf);

@@ -66,7 +66,8 @@ KEM_API KEM_FUNC_M KemSdThreadPriorityGet(KEM_PSDCTX_T pSdCtx, KEM_PTHDHDL_T pTh
 KEM_API KEM_FUNC_M KemSdThreadHighPriorityGet(KEM_PSDCTX_T pSdCtx, KEM_PTHDHDL_T pThdHdl, KEM_PLONG_T plThdPriority);
 KEM_API KEM_FUNC_M KemSdThreadBasePriorityGet(KEM_PSDCTX_T pSdCtx, KEM_PTHDHDL_T pThdHdl, KEM_PLONG_T plThdPriority);
 
-/* SDSTS_NOT_SUPPORTED, whatever the arguments. */
+/* SDSTS_NOT_SUPPORTED, whatever the arguments; but with a null pThdHdl, once another thread has declared a fatal
+ * exception (memory.h), KemSdThreadSuspend never returns: the calling thread waits for the end of the process. */
 KEM_API KEM_FUNC_M KemSdThreadSuspend(KEM_PSDCTX_T pSdCtx, KEM_PTHDHDL_T pThdHdl);
 KEM_API KEM_FUNC_M KemSdThreadResume(KEM_PSDCTX_T pSdCtx, KEM_PTHDHDL_T pThdHdl);
 KEM_API KEM_FUNC_M KemSdThreadConcurrencyLevGet(KEM_PSDCTX_T pSdCtx, KEM_PINT_T piConcurLev);

@@ -13,6 +13,7 @@
 
 namespace {
 
+using sd::crashTimeSize;
 using sd::fatalExceptionDeclared;
 using sd::memoryManagerOn;
 using sd::SizeClass;
@@ -22,11 +23,22 @@ constexpr SourcePoint kDeadBlock{"sd/memheap", 246, "reallocModified"};
 
 void* systemBlockOf(void* block, size_t prefix) { return static_cast<char*>(block) - prefix; }
 
-// Deliberate: crash-time sizes are 32-bit.
 void* crashTimeBlock(size_t size)
 {
     void* block = nullptr;
-    ovXcptMemAlloc(nullptr, static_cast<OV_ULONG_T>(size), &block);
+    ovXcptMemAlloc(nullptr, crashTimeSize(size), &block);
+    return block;
+}
+
+// Crash-time memory forms the product in 32 bits; one beyond them goes there as a single element of that size.
+void* crashTimeElements(OV_UINT_T count, OV_ULONG_T size)
+{
+    void* block = nullptr;
+    const size_t bytes = size_t{count} * size;
+    if (bytes <= UINT32_MAX)
+        ovXcptMemCalloc(nullptr, count, size, &block);
+    else
+        ovXcptMemCalloc(nullptr, 1, crashTimeSize(bytes), &block);
     return block;
 }
 
@@ -90,18 +102,15 @@ void* ovMemExtMalloc(size_t size, char policy)
 
 void* ovMemExtCalloc(OV_UINT_T blockCount, OV_ULONG_T blockSize, char policy)
 {
-    if (fatalExceptionDeclared()) [[unlikely]] {
-        void* block = nullptr;
-        ovXcptMemCalloc(nullptr, blockCount, blockSize, &block);
-        return block;
-    }
+    if (fatalExceptionDeclared()) [[unlikely]]
+        return crashTimeElements(blockCount, blockSize);
     return memoryManagerOn() ? callocModified(blockCount, blockSize, policy) : calloc(blockCount, blockSize);
 }
 
 void* ovMemExtRealloc(OV_PVOID_T pvBuf, size_t size)
 {
     if (fatalExceptionDeclared()) [[unlikely]] {
-        ovXcptMemRealloc(nullptr, static_cast<OV_ULONG_T>(size), &pvBuf);
+        ovXcptMemRealloc(nullptr, crashTimeSize(size), &pvBuf);
         return pvBuf;
     }
     return memoryManagerOn() ? reallocModified(pvBuf, size) : realloc(pvBuf, size);
@@ -122,7 +131,7 @@ OV_STS_T ovMemExtMallocAligned(void** memptr, size_t alignment, size_t size)
     if (!memptr) return SDSTS_INVALID_PARAM;
     // Deliberate: crash-time memory drops the alignment.
     if (fatalExceptionDeclared()) [[unlikely]]
-        return ovXcptMemAlloc(nullptr, static_cast<OV_ULONG_T>(size), memptr);
+        return ovXcptMemAlloc(nullptr, crashTimeSize(size), memptr);
     return posix_memalign(memptr, alignment, size);
 }
 
@@ -138,7 +147,7 @@ void ovMemExtThreadMalloc(void*, size_t size, void** ppvfBuf, char policy)
 {
     if (!ppvfBuf) return;
     if (fatalExceptionDeclared()) [[unlikely]]
-        ovXcptMemAlloc(nullptr, static_cast<OV_ULONG_T>(size), ppvfBuf);
+        ovXcptMemAlloc(nullptr, crashTimeSize(size), ppvfBuf);
     else if (size <= sd::kPoolLimit && memoryManagerOn())
         sd::threadAlloc(size, ppvfBuf, policy);
     else
