@@ -125,11 +125,11 @@ void* allocateAnywhere(size_t size, size_t& taken)
     return malloc(size);
 }
 
-// Deliberate: the crash-time reserve takes the size in 32 bits, and `taken` is left alone.
+// Deliberate: the crash-time reserve leaves `taken` alone.
 void allocateForServer(size_t size, size_t& taken, void*& buffer, KEM_LONG64_T nodeId)
 {
     if (sd::fatalExceptionDeclared()) [[unlikely]]
-        ovXcptMemAlloc(nullptr, static_cast<OV_ULONG_T>(size), &buffer);
+        ovXcptMemAlloc(nullptr, sd::crashTimeSize(size), &buffer);
     else if (sd::hardwareAcceleration())
         KemSdAllocOnNumaNode(nullptr, size, &taken, &buffer, nodeId);
     else
