@@ -4,15 +4,14 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <kemsd/file.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <string>
 
 #include "support/child.h"
+#include "support/smalldisk.h"
 #include "support/tempdir.h"
 
 using namespace kemsd::test;
@@ -21,32 +20,6 @@ namespace {
 
 constexpr KEM_ULONG_T kBlock = KEM_BLOCK_SIZE;
 constexpr int kNoDisk = 77;
-
-bool writeText(const char* path, const std::string& text)
-{
-    const int file = open(path, O_WRONLY);
-    if (file == -1) return false;
-    const bool written = write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    close(file);
-    return written;
-}
-
-// For whoever may not mount: becomes the root of name spaces of its own.
-bool becomeRoot()
-{
-    const std::string user = "0 " + std::to_string(geteuid()) + " 1", group = "0 " + std::to_string(getegid()) + " 1";
-    return unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0 && writeText("/proc/self/setgroups", "deny") &&
-           writeText("/proc/self/uid_map", user) && writeText("/proc/self/gid_map", group);
-}
-
-// Mounts a disk of so many bytes there, for this process alone.
-bool mountDisk(const std::string& place, size_t bytes)
-{
-    const std::string size = "size=" + std::to_string(bytes);
-    return (unshare(CLONE_NEWNS) == 0 || becomeRoot()) &&
-           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("none", place.c_str(), "tmpfs", 0, size.c_str()) == 0;
-}
 
 // What a request for two blocks comes to.
 struct Written {
