@@ -5,41 +5,18 @@
 #include <gtest/gtest.h>
 #include <kemsd/file.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
+#include "support/guardpasses.h"
 #include "support/tempdir.h"
 
-using kemsd::test::TempDir;
+using namespace kemsd::test;
 
 namespace {
 
-int passes;
-void countPass() { ++passes; }
-
-struct Operation {
-    const char* name;
-    int expected; // passes in failover mode
-    std::function<KEM_STS_T()> call;
-    KEM_STS_T status = 0;
-};
-
-class BlockGuard : public testing::Test {
+class BlockGuard : public testing::Test, protected GuardCounted {
 protected:
-    BlockGuard() { KemSdSetLeaseGuardAccessFunction(countPass); }
-    ~BlockGuard() override { KemSdSetFailoverModeFlag(FALSE); }
-
-    static void expectPasses(const std::vector<Operation>& operations, bool failover)
-    {
-        KemSdSetFailoverModeFlag(failover);
-        for (const Operation& operation : operations) {
-            passes = 0;
-            EXPECT_EQ(operation.call(), operation.status) << operation.name;
-            EXPECT_EQ(passes, failover ? operation.expected : 0) << operation.name;
-        }
-    }
-
     // Valid calls of everything, in an order in which they succeed.
     std::vector<Operation> valid()
     {

@@ -3,11 +3,11 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <functional>
 #include <random>
 #include <vector>
 
 #include "mappedfile.h"
+#include "support/guardpasses.h"
 
 using namespace kemsd::test;
 
@@ -172,31 +172,8 @@ TEST_F(BothModes, DoTheSame)
 
 namespace {
 
-int passes;
-void countPass() { ++passes; }
-
-class MappedGuard : public MappedFileTest {
+class MappedGuard : public MappedFileTest, protected GuardCounted {
 protected:
-    MappedGuard() { KemSdSetLeaseGuardAccessFunction(countPass); }
-    ~MappedGuard() override { KemSdSetFailoverModeFlag(FALSE); }
-
-    struct Operation {
-        const char* name;
-        int expected;
-        std::function<void()> call;
-    };
-
-    void expectPasses(const std::vector<Operation>& operations, bool failover)
-    {
-        KemSdSetFailoverModeFlag(failover);
-        for (const Operation& operation : operations) {
-            passes = 0;
-            operation.call();
-            EXPECT_EQ(passes, failover ? operation.expected : 0) << operation.name;
-        }
-        KemSdSetFailoverModeFlag(FALSE);
-    }
-
     std::vector<Operation> guarded()
     {
         return {{"Read", 1, [this] { EXPECT_THAT(read(2), Succeeds()); }},

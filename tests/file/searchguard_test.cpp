@@ -5,39 +5,18 @@
 #include <kemsd/file.h>
 #include <unistd.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
+#include "support/guardpasses.h"
 #include "support/tempdir.h"
 
-using kemsd::test::TempDir;
+using namespace kemsd::test;
 
 namespace {
 
-int passes;
-void countPass() { ++passes; }
-
-struct Operation {
-    const char* name;
-    int expected; // passes in failover mode
-    std::function<void()> call;
-};
-
-class SearchGuard : public testing::Test {
+class SearchGuard : public testing::Test, protected GuardCounted {
 protected:
-    SearchGuard() { KemSdSetLeaseGuardAccessFunction(countPass); }
-    ~SearchGuard() override { KemSdSetFailoverModeFlag(FALSE); }
-
-    static void expectPasses(const std::vector<Operation>& operations, bool failover)
-    {
-        KemSdSetFailoverModeFlag(failover);
-        for (const Operation& operation : operations) {
-            passes = 0;
-            operation.call();
-            EXPECT_EQ(passes, failover ? operation.expected : 0) << operation.name;
-        }
-    }
     static void expect(KEM_STS_T sts, KEM_STS_T expected) { EXPECT_EQ(sts, expected); }
 
     // Valid calls, in an order in which they succeed.

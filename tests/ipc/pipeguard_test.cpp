@@ -5,45 +5,24 @@
 #include <kemsd/ipc.h>
 #include <kemsd/memory.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "ipc/fifofixture.h"
 #include "support/failingcalls.h"
+#include "support/guardpasses.h"
 
 using namespace kemsd::test;
 
 namespace {
 
-int passes;
-void countPass() { ++passes; }
-
-struct Operation {
-    const char* name;
-    int expected; // passes in failover mode
-    std::function<void()> call;
-};
-
-class PipeGuard : public FifoPlace {
+class PipeGuard : public FifoPlace, protected GuardCounted {
 protected:
-    PipeGuard() { KemSdSetLeaseGuardAccessFunction(countPass); }
     ~PipeGuard() override
     {
-        KemSdSetFailoverModeFlag(FALSE);
         closeAll(descriptorsOf(path_));
         closeAll(descriptorsOf(path_ + "_1"));
         closeAll(descriptorsOf(path_ + "_2"));
-    }
-
-    static void expectPasses(const std::vector<Operation>& operations, bool failover)
-    {
-        KemSdSetFailoverModeFlag(failover);
-        for (const Operation& operation : operations) {
-            passes = 0;
-            operation.call();
-            EXPECT_EQ(passes, failover ? operation.expected : 0) << operation.name;
-        }
     }
 
     static void succeeded(KEM_STS_T sts) { EXPECT_EQ(sts, 0); }

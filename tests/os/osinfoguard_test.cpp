@@ -5,72 +5,51 @@
 #include <kemsd/os.h>
 #include <sys/resource.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "support/failingcalls.h"
+#include "support/guardpasses.h"
 #include "support/tempdir.h"
 
 using namespace kemsd::test;
 
 namespace {
 
-int passes;
-void countPass() { ++passes; }
-
-struct Operation {
-    const char* name;
-    std::function<KEM_STS_T()> call;
-    KEM_STS_T result = 0;
-};
-
-class SystemInformationGuard : public testing::Test {
+class SystemInformationGuard : public testing::Test, protected GuardCounted {
 protected:
-    SystemInformationGuard() { KemSdSetLeaseGuardAccessFunction(countPass); }
-    ~SystemInformationGuard() override { KemSdSetFailoverModeFlag(FALSE); }
-
-    static void expectPasses(const std::vector<Operation>& operations, int expected)
-    {
-        for (const Operation& operation : operations) {
-            passes = 0;
-            EXPECT_EQ(operation.call(), operation.result) << operation.name;
-            EXPECT_EQ(passes, expected) << operation.name;
-        }
-    }
-
     // Valid calls of everything guarded; what would change the process only seems to be done.
     std::vector<Operation> guarded()
     {
         return {
-            {"PhysMemInfo", [this] { return KemSdPhysMemInfoGet(nullptr, &memory_); }},
-            {"AvailVirtMem", [this] { return KemSdAvailVirtMemGet(nullptr, &size_); }},
-            {"OSInfo", [this] { return KemSdOSInfoGet(nullptr, &system_); }},
-            {"Drives", [this] { return KemSdDrivesGet(nullptr, &drives_); }},
-            {"DriveOrdinalToName", [this] { return KemSdDriveOrdinalToName(nullptr, 1, sizeof text_, text_); }},
-            {"DriveInfo", [this] { return KemSdDriveInfoGet(nullptr, 1, array_); }},
-            {"PageSize", [this] { return KemSdPageSizeGet(nullptr, &number_); }},
-            {"MaxAlloc", [this] { return KemSdMaxAllocGet(nullptr, &large_); }},
-            {"LimitSet", [] { return KemSdLimitSet(nullptr, RLIMIT_CORE, 1, 1); }},
-            {"FdLimitSet", [] { return KemSdFdLimitSet(nullptr, 1, 1); }},
-            {"HomePath", [this] { return KemSdHomePathGet(nullptr, sizeof text_, text_); }},
-            {"setUserIds", [] { return setUserIds(nullptr, "root"); }},
-            {"Chroot", [] { return KemChroot(nullptr, "/"); }},
+            {"PhysMemInfo", 1, [this] { return KemSdPhysMemInfoGet(nullptr, &memory_); }},
+            {"AvailVirtMem", 1, [this] { return KemSdAvailVirtMemGet(nullptr, &size_); }},
+            {"OSInfo", 1, [this] { return KemSdOSInfoGet(nullptr, &system_); }},
+            {"Drives", 1, [this] { return KemSdDrivesGet(nullptr, &drives_); }},
+            {"DriveOrdinalToName", 1, [this] { return KemSdDriveOrdinalToName(nullptr, 1, sizeof text_, text_); }},
+            {"DriveInfo", 1, [this] { return KemSdDriveInfoGet(nullptr, 1, array_); }},
+            {"PageSize", 1, [this] { return KemSdPageSizeGet(nullptr, &number_); }},
+            {"MaxAlloc", 1, [this] { return KemSdMaxAllocGet(nullptr, &large_); }},
+            {"LimitSet", 1, [] { return KemSdLimitSet(nullptr, RLIMIT_CORE, 1, 1); }},
+            {"FdLimitSet", 1, [] { return KemSdFdLimitSet(nullptr, 1, 1); }},
+            {"HomePath", 1, [this] { return KemSdHomePathGet(nullptr, sizeof text_, text_); }},
+            {"setUserIds", 1, [] { return setUserIds(nullptr, "root"); }},
+            {"Chroot", 1, [] { return KemChroot(nullptr, "/"); }},
         };
     }
 
     std::vector<Operation> unguarded()
     {
         return {
-            {"CPUInfo", [this] { return KemSdCPUInfoGet(nullptr, &processor_); }},
-            {"SwapInfo", [this] { return KemSdSwapInfoGet(nullptr, &swap_); }},
-            {"MaxAlign", [this] { return KemSdMaxAlignGet(nullptr, &number_); }},
-            {"IsInfinite", [this] { return KemSdIsInfinite(nullptr, 1, &answer_); }},
-            {"LimitGet", [this] { return KemSdLimitGet(nullptr, RLIMIT_CORE, &number_, &number_); }},
-            {"FdLimitGet", [this] { return KemSdFdLimitGet(nullptr, &number_, &number_); }},
-            {"PathCreate", [this] { return KemSdPathCreate(nullptr, 0, text_); }},
-            {"WorkingSetGet", [] { return KemSdProcessWorkingSetSizeGet(nullptr, {}, nullptr, nullptr); }},
-            {"WorkingSetSet", [] { return KemSdProcessWorkingSetSizeSet(nullptr, {}, 1, 1); }},
+            {"CPUInfo", 0, [this] { return KemSdCPUInfoGet(nullptr, &processor_); }},
+            {"SwapInfo", 0, [this] { return KemSdSwapInfoGet(nullptr, &swap_); }},
+            {"MaxAlign", 0, [this] { return KemSdMaxAlignGet(nullptr, &number_); }},
+            {"IsInfinite", 0, [this] { return KemSdIsInfinite(nullptr, 1, &answer_); }},
+            {"LimitGet", 0, [this] { return KemSdLimitGet(nullptr, RLIMIT_CORE, &number_, &number_); }},
+            {"FdLimitGet", 0, [this] { return KemSdFdLimitGet(nullptr, &number_, &number_); }},
+            {"PathCreate", 0, [this] { return KemSdPathCreate(nullptr, 0, text_); }},
+            {"WorkingSetGet", 0, [] { return KemSdProcessWorkingSetSizeGet(nullptr, {}, nullptr, nullptr); }},
+            {"WorkingSetSet", 0, [] { return KemSdProcessWorkingSetSizeSet(nullptr, {}, 1, 1); }},
         };
     }
 
@@ -95,37 +74,27 @@ protected:
 
 } // namespace
 
-TEST_F(SystemInformationGuard, RunsOnceInEveryGuardedCallInFailoverMode)
-{
-    KemSdSetFailoverModeFlag(TRUE);
-    expectPasses(guarded(), 1);
-}
+TEST_F(SystemInformationGuard, RunsOnceInEveryGuardedCallInFailoverMode) { expectPasses(guarded(), true); }
 
-TEST_F(SystemInformationGuard, DoesNotRunOutsideFailoverMode) { expectPasses(guarded(), 0); }
+TEST_F(SystemInformationGuard, DoesNotRunOutsideFailoverMode) { expectPasses(guarded(), false); }
 
-TEST_F(SystemInformationGuard, DoesNotRunInUnguardedCalls)
-{
-    KemSdSetFailoverModeFlag(TRUE);
-    expectPasses(unguarded(), 0);
-}
+TEST_F(SystemInformationGuard, DoesNotRunInUnguardedCalls) { expectPasses(unguarded(), true); }
 
 TEST_F(SystemInformationGuard, RunsBeforeTheArgumentsAreChecked)
 {
-    KemSdSetFailoverModeFlag(TRUE);
     expectPasses(
         {
-            {"PageSize", [] { return KemSdPageSizeGet(nullptr, nullptr); }, SDSTS_INVALID_PARAM},
-            {"MaxAlloc", [] { return KemSdMaxAllocGet(nullptr, nullptr); }, SDSTS_INVALID_PARAM},
-            {"HomePath", [] { return KemSdHomePathGet(nullptr, 0, nullptr); }, SDSTS_INVALID_PARAM},
-            {"setUserIds", [] { return setUserIds(nullptr, nullptr); }, SDSTS_INVALID_PARAM},
-            {"Chroot", [] { return KemChroot(nullptr, nullptr); }, SDSTS_INVALID_PARAM},
+            {"PageSize", 1, [] { return KemSdPageSizeGet(nullptr, nullptr); }, SDSTS_INVALID_PARAM},
+            {"MaxAlloc", 1, [] { return KemSdMaxAllocGet(nullptr, nullptr); }, SDSTS_INVALID_PARAM},
+            {"HomePath", 1, [] { return KemSdHomePathGet(nullptr, 0, nullptr); }, SDSTS_INVALID_PARAM},
+            {"setUserIds", 1, [] { return setUserIds(nullptr, nullptr); }, SDSTS_INVALID_PARAM},
+            {"Chroot", 1, [] { return KemChroot(nullptr, nullptr); }, SDSTS_INVALID_PARAM},
         },
-        1);
+        true);
 }
 
 TEST_F(SystemInformationGuard, RunsWithEachGuardedCallOfAGatheringOne)
 {
-    KemSdSetFailoverModeFlag(TRUE);
-    expectPasses({{"DriveInfoArr", [this] { return KemSdDriveInfoArrGet(nullptr, 2, array_); }}}, 3);
-    expectPasses({{"ResourcesSize", [this] { return KemSdOSResourcesSizeGet(nullptr, &size_); }}}, 1);
+    expectPasses({{"DriveInfoArr", 3, [this] { return KemSdDriveInfoArrGet(nullptr, 2, array_); }}}, true);
+    expectPasses({{"ResourcesSize", 1, [this] { return KemSdOSResourcesSizeGet(nullptr, &size_); }}}, true);
 }
