@@ -85,8 +85,26 @@ TEST_P(CrashRouting, Malloc)
     EXPECT_EQ(ovMemExtMalloc(100, 2), given);
     EXPECT_EQ(request, "alloc null 100");
     EXPECT_EQ(ovMemExtMalloc(100, 1), given);
-    EXPECT_EQ(ovMemExtMalloc((size_t{1} << 32) + 5, 2), given);
-    EXPECT_EQ(request, "alloc null 5");
+}
+
+TEST_P(CrashRouting, SizesBeyond32BitsAreNotCutToSmallItems)
+{
+    constexpr size_t kBeyond = (size_t{1} << 32) + 5;
+    void* block = nullptr;
+    ovMemExtMalloc(kBeyond, 2);
+    EXPECT_EQ(request, "alloc null 4294967295");
+    ovMemExtRealloc(given, kBeyond);
+    EXPECT_EQ(request, "realloc null 4294967295 given");
+    request.clear();
+    ovMemExtMallocAligned(&block, 4096, kBeyond);
+    EXPECT_EQ(request, "alloc null 4294967295");
+    request.clear();
+    ovMemExtThreadMalloc(nullptr, kBeyond, &block, 2);
+    EXPECT_EQ(request, "alloc null 4294967295");
+    ovMemExtCalloc(65536, 65537, 2);
+    EXPECT_EQ(request, "calloc null 1 4294967295");
+    ovMemExtCalloc(65537, 65535, 2);
+    EXPECT_EQ(request, "calloc null 65537 65535");
 }
 
 TEST_P(CrashRouting, Calloc)
@@ -162,18 +180,4 @@ TEST(CrashTimeMemory, IsNotDeclaredAtFirst)
     EXPECT_EQ(ovXcptFatExceptionOccured(), 0);
     iXcptExceptionStatus = 1;
     EXPECT_EQ(ovXcptFatExceptionOccured(), 1);
-}
-
-TEST(CrashTimeMemory, WithoutAReserveServesNothingAndOwnsNothing)
-{
-    void* block = given;
-    EXPECT_EQ(__real_ovXcptMemAlloc(nullptr, 100, &block), SDSTS_NO_MEMORY);
-    EXPECT_EQ(block, nullptr);
-    block = given;
-    EXPECT_EQ(__real_ovXcptMemCalloc(nullptr, 1, 100, &block), SDSTS_NO_MEMORY);
-    EXPECT_EQ(block, nullptr);
-    block = given;
-    EXPECT_EQ(__real_ovXcptMemRealloc(nullptr, 100, &block), SDSTS_NO_MEMORY);
-    EXPECT_EQ(block, nullptr);
-    EXPECT_EQ(__real_ovXcptMemFree(nullptr, given), SDSTS_INVALID_PARAM);
 }
