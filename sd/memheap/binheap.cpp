@@ -159,7 +159,7 @@ void* takeFrom(OV_MemHeap_T& heap, OV_MemBin_T* Bin, OV_ULONG_T need)
         unlink(header, Bin);
         return handOut(heap, Bin);
     }
-    void* served = cutTop(heap, Bin, need);
+    void* served = cutTop(heap, Bin, Bin->size - need, need);
     const OV_LONG_T index = binIndex(Bin->size);
     if (index < Bin->index) {
         unlink(header, Bin);

@@ -8,6 +8,7 @@
 #include <kemsd/memory.h>
 
 #include <array>
+#include <cstdint>
 
 #include "sd/base/atomic.h"
 #include "sd/base/poison.h"
@@ -94,14 +95,15 @@ inline void* handOut(OV_MemHeap_T& heap, OV_MemBin_T* block)
     return callersPointer(allocated);
 }
 
-// Hands out the top end of a free block that is larger by kSmallestFree or more. Its rest stays where it is filed.
-inline void* cutTop(OV_MemHeap_T& heap, OV_MemBin_T* Bin, OV_ULONG_T need)
+// Hands out the top end of a free block, all but `rest` bytes of it, which are a free block's at least and stay where
+// it is filed.
+inline void* cutTop(OV_MemHeap_T& heap, OV_MemBin_T* Bin, OV_ULONG_T rest, OV_ULONG_T need)
 {
-    Bin->size -= need;
-    OV_MemBin_T* top = at(Bin, Bin->size);
+    Bin->size = rest;
+    OV_MemBin_T* top = at(Bin, rest);
     unpoison(top, need);
     top->size = need;
-    top->prevsize = Bin->size;
+    top->prevsize = rest;
     OV_MemBin_T* following = at(top, need);
     if (insideRegion(heap.HeapHeader, following)) following->prevsize = need;
     return handOut(heap, top);
@@ -118,8 +120,9 @@ inline void* cutFromAbove(OV_MemHeap_T& heap, OV_ULONG_T capacity)
     const OV_LONG_T above = own + header.BinMap[own];
     if (above == own || above > kLastBin) return nullptr;
     OV_MemBin_T* head = header.Bin[above];
-    if (head->size < need + kSmallestIn[static_cast<size_t>(above)]) return nullptr;
-    return cutTop(heap, head, need);
+    const int64_t rest = int64_t{head->size} - need;
+    if (rest < kSmallestIn[static_cast<size_t>(above)]) return nullptr;
+    return cutTop(heap, head, static_cast<OV_ULONG_T>(rest), need);
 }
 
 // Serves `capacity` from the bins; in binheap.cpp.

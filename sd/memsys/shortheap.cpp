@@ -20,6 +20,11 @@ OV_MemHeapPool_T& pool() { return ovMemThreadHeap.MemShortHeapPool; }
 
 OV_ULONG_T regionBytes() { return ovMemThreadHeap.ShortHeapSize; }
 
+size_t blockArea(const OV_MemHeap_T& heap)
+{
+    return static_cast<size_t>(heap.HeapHeader.HeapEnd - reinterpret_cast<const char*>(&heap.HeapBuffer));
+}
+
 // Links a heap behind the first of a circle, or alone when there is none.
 void linkBehind(OV_MemHeap_T* first, OV_MemHeap_T* heap)
 {
@@ -87,7 +92,7 @@ OV_MemHeap_T* obtainHeap()
     if (loadRelaxed(pool().NumHeaps) == 0) return obtainRegion(0);
     OV_MemHeap_T* spare = takeSpare();
     if (!spare) return obtainRegion(1);
-    unpoison(spare, regionBytes());
+    unpoison(&spare->HeapBuffer, blockArea(*spare));
     return spare;
 }
 
@@ -232,8 +237,7 @@ bool poolHasRoom() { return loadRelaxed(pool().NumHeaps) < loadRelaxed(ovMemThre
 bool keepSpare(OV_MemHeap_T* heap)
 {
     // Until it serves again nobody may touch the blocks of the unit of work that ended.
-    const char* const blocks = reinterpret_cast<const char*>(&heap->HeapBuffer);
-    poison(blocks, static_cast<size_t>(heap->HeapHeader.HeapEnd - blocks));
+    poison(&heap->HeapBuffer, blockArea(*heap));
     const Locked locked(pool().SpinLock);
     countInUse(-1);
     if (!poolHasRoom()) return false;

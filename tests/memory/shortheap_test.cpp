@@ -563,6 +563,7 @@ TEST_F(ShortHeap, AnotherThreadMayReleaseWhileTheOwnerWaits)
 
 TEST_F(ShortHeap, WhileDeallocationIsOffOnlyTheEndReleases)
 {
+    KemSdSetMemoryManager(TRUE);
     ovMemShortHeapInit(&context);
     void* large = filled(context, 70000);
     KemSdSetMemDeallocOption();
