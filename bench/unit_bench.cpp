@@ -1,105 +1,112 @@
-// Units of work: many small items, all released at once.
+// Units of work: many small blocks, released together at the end. The peers, which know no such end, release them one
+// by one.
 #include <benchmark/benchmark.h>
 #include <kemsd/memory.h>
 
-#include <array>
-#include <memory>
-#include <memory_resource>
 #include <random>
 #include <string>
+#include <vector>
 
-#include "support/floorstack.h"
+#include "support/allocators.h"
+#include "support/floorunit.h"
 #include "support/report.h"
+#include "support/serverstart.h"
 
 namespace kemsd::bench {
 namespace {
 
-constexpr size_t kItems = 10000;
-constexpr unsigned kAlignment = 8;
-constexpr unsigned kBlockBytes = 65536 - 128; // whole pages with what the allocator needs
+constexpr size_t kBlocks = 10000;
+constexpr unsigned kHeaps = 16; // more than a unit of work needs
+constexpr unsigned kShortHeapBytes = 320u << 10;
+constexpr const char* kShortTerm = "shortheapsize 320K maxshortmemorypoolsize 16 limitshortheapsforremove 16";
 
 // The same sizes for every contender.
-const std::array<unsigned, kItems>& itemBytes()
+const std::vector<OV_LONG_T>& sizes()
 {
-    static const std::array<unsigned, kItems> bytes = [] {
-        std::mt19937 random(20260102);
-        std::uniform_int_distribution<unsigned> small(8, 128);
-        std::array<unsigned, kItems> made;
-        for (unsigned& size : made) size = small(random);
-        return made;
+    static const std::vector<OV_LONG_T> made = [] {
+        std::mt19937 random(20260101);
+        std::uniform_int_distribution<OV_LONG_T> bytes(16, 256);
+        std::vector<OV_LONG_T> sizes(kBlocks);
+        for (OV_LONG_T& size : sizes) size = bytes(random);
+        return sizes;
     }();
-    return bytes;
+    return made;
 }
+
+// ---- The contenders: each begins a unit of work, takes blocks and ends it with all of them
 
 class Ours {
 public:
-    Ours() { KemSdMemStackCreate(nullptr, &stack_, kAlignment, kBlockBytes); }
-    ~Ours() { KemSdMemStackDelete(nullptr, stack_); }
-    void* take(unsigned bytes)
+    void begin() { ovMemShortHeapInit(&context_); }
+    void* take(OV_LONG_T bytes)
     {
-        void* item = nullptr;
-        KemSdMemStackAllocAndPush(nullptr, stack_, bytes, &item);
-        return item;
+        void* block;
+        return ovMemShortHeapMalloc(&context_, bytes, &block, __FILE__, __LINE__) == 0 ? block : nullptr;
     }
-    void releaseAll() { KemSdMemStackReset(nullptr, stack_); }
+    void end() { ovMemShortHeapTerm(&context_); }
 
 private:
-    KEM_STACKHDR_T* stack_ = nullptr;
+    OV_THDCTX_T context_{};
 };
 
 class Floor {
 public:
-    ~Floor() { floorStackDelete(stack_); }
-    void* take(unsigned bytes)
+    void begin() { floorUnitBegin(&context_); }
+    void* take(OV_LONG_T bytes)
     {
-        void* item = nullptr;
-        floorStackPush(stack_, bytes, &item);
-        return item;
+        void* block;
+        return floorUnitAllocate(&context_, bytes, &block, __FILE__, __LINE__) == 0 ? block : nullptr;
     }
-    void releaseAll() { floorStackReset(stack_); }
+    void end() { floorUnitEnd(&context_); }
 
 private:
-    FloorStack* stack_ = floorStackCreate(kBlockBytes);
+    OV_THDCTX_T context_{};
 };
 
-// Called as containers call it, through the interface, over one buffer that is large enough: it has no blocks to
-// change.
-class Monotonic {
+class Peer {
 public:
-    void* take(unsigned bytes)
+    explicit Peer(const Allocator& allocator) : allocator_(allocator) { blocks_.reserve(kBlocks); }
+    void begin() { blocks_.clear(); }
+    void* take(OV_LONG_T bytes)
     {
-        benchmark::DoNotOptimize(interface_);
-        return interface_->allocate(bytes, kAlignment);
+        blocks_.push_back(allocator_.allocate(static_cast<size_t>(bytes)));
+        return blocks_.back();
     }
-    void releaseAll() { resource_.release(); }
+    void end()
+    {
+        for (void* block : blocks_) allocator_.release(block);
+    }
 
 private:
-    std::unique_ptr<char[]> buffer_{new char[2 << 20]()};
-    std::pmr::monotonic_buffer_resource resource_{buffer_.get(), 2 << 20};
-    std::pmr::memory_resource* interface_ = &resource_;
+    const Allocator& allocator_;
+    std::vector<void*> blocks_;
 };
 
+// Every block is written to, as a block that is asked for is.
 template <class Contender>
-void unitsOfWork(benchmark::State& state)
+void unit(benchmark::State& state, Contender&& contender)
 {
-    const std::array<unsigned, kItems>& bytes = itemBytes();
-    Contender contender;
-    while (state.KeepRunningBatch(kItems)) {
-        for (const unsigned size : bytes) {
-            void* item = contender.take(size);
-            if (!item) return state.SkipWithError("no memory");
-            *static_cast<volatile uint64_t*>(item) = 1;
+    const std::vector<OV_LONG_T>& wanted = sizes();
+    for (auto _ : state) {
+        contender.begin();
+        for (const OV_LONG_T bytes : wanted) {
+            void* block = contender.take(bytes);
+            if (!block) {
+                state.SkipWithError("no memory");
+                return;
+            }
+            *static_cast<volatile uint64_t*>(block) = 1;
         }
-        contender.releaseAll();
+        contender.end();
     }
 }
 
 void addBenchmarks()
 {
-    const std::string load = "unit/stack";
-    add(load, kOurs, unitsOfWork<Ours>);
-    add(load, kFloor, unitsOfWork<Floor>);
-    add(load, "pmr-monotonic", unitsOfWork<Monotonic>);
+    add("unit/heaps", kOurs, [](benchmark::State& state) { unit(state, Ours{}); });
+    add("unit/heaps", kFloor, [](benchmark::State& state) { unit(state, Floor{}); });
+    for (const Allocator& a : allocators())
+        add("unit/heaps", a.name, [&a](benchmark::State& state) { unit(state, Peer{a}); });
 }
 
 } // namespace
@@ -107,6 +114,14 @@ void addBenchmarks()
 
 int main(int argc, char** argv)
 {
-    return kemsd::bench::run(
-        argc, argv, {"unit", "10,000 items of 8 to 128 bytes, then all released at once", kemsd::bench::addBenchmarks});
+    using namespace kemsd::bench;
+    makeRoomForAllocators(argv);
+    settleSystemAllocator();
+    startThreadHeaps(kShortTerm);
+    if (!floorUnitsStart(kHeaps, kShortHeapBytes, kLargestHeapBlock)) return 1;
+    return run(
+        argc, argv,
+        {"unit",
+         std::string("10,000 blocks of 16 to 256 bytes; ") + kMemorySetting + "; " + kShortTerm + "; " + kSystemSetting,
+         addBenchmarks});
 }

@@ -43,8 +43,10 @@ inline constexpr Target kTargets[] = {
     {"freelist/64KiB", 1.25, 0.95},
     {"freelist/1MiB", 1.25, 0.35},
 
-    // Units of work: many items, released together. The peer has one buffer and no blocks to change.
-    {"unit/stack", 1.25, 1.0, "pmr-monotonic"},
+    // Units of work: 10,000 small blocks that go together. The peers release them one by one.
+    {"unit/heaps", 1.15, 1.0},
+    // Items on a memory stack. The peer has one buffer and no blocks to change.
+    {"stack/10000", 1.25, 1.0, "pmr-monotonic"},
 
     // Spinlocks. std::recursive_mutex is the only peer that its owner may enter again.
     {"exchange/uncontended", 1.10, 1.0, "std::recursive_mutex"},
