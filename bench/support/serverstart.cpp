@@ -11,7 +11,7 @@
 namespace kemsd::bench {
 namespace {
 
-constexpr const char* kConfiguration = "numthreadheaps 16\nheapsize 2M\nmaxblock 64K\nshortmemoryoff\n";
+constexpr const char* kConfiguration = "numthreadheaps 16\nheapsize 2M\nmaxblock 64K\n";
 
 [[noreturn]] void giveUp(const char* what)
 {
@@ -19,19 +19,19 @@ constexpr const char* kConfiguration = "numthreadheaps 16\nheapsize 2M\nmaxblock
     exit(1);
 }
 
-void writeConfiguration(const std::filesystem::path& home)
+void writeConfiguration(const std::filesystem::path& home, const char* shortTerm)
 {
     std::filesystem::create_directories(home / "bin");
-    std::ofstream(home / "bin" / "config.mem") << kConfiguration;
+    std::ofstream(home / "bin" / "config.mem") << kConfiguration << shortTerm << '\n';
 }
 
 } // namespace
 
-void startThreadHeaps()
+void startThreadHeaps(const char* shortTerm)
 {
     std::string home = (std::filesystem::temp_directory_path() / "kemsd-bench-XXXXXX").string();
     if (!mkdtemp(home.data())) giveUp("no temporary directory");
-    writeConfiguration(home);
+    writeConfiguration(home, shortTerm);
     setenv("ZANTOPATH", home.c_str(), 1);
     KemSdSetMemoryManager(TRUE);
     char application[] = "bench";

@@ -11,7 +11,8 @@ inline constexpr unsigned kLargestHeapBlock = 64u << 10;
 inline constexpr const char* kMemorySetting =
     "thread heaps: numthreadheaps 16, heapsize 2M, maxblock 64K, no limit; memory manager on";
 
-// Ends the program when the library does not come up with these settings.
-void startThreadHeaps();
+// Ends the program when the library does not come up with these settings. shortTerm: what the configuration file says
+// of short-term heaps.
+void startThreadHeaps(const char* shortTerm = "shortmemoryoff");
 
 } // namespace kemsd::bench

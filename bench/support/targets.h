@@ -43,6 +43,9 @@ inline constexpr Target kTargets[] = {
     {"freelist/64KiB", 1.25, 0.95},
     {"freelist/1MiB", 1.25, 0.35},
 
+    // Units of work: 10,000 small blocks that go together. The peers release them one by one.
+    {"unit/heaps", 1.15, 1.0},
+
     // Spinlocks. std::recursive_mutex is the only peer that its owner may enter again.
     {"exchange/uncontended", 1.10, 1.0, "std::recursive_mutex"},
     {"ticket/uncontended", 1.10, 1.0, "std::recursive_mutex"},

@@ -372,9 +372,15 @@ KEM_API char* ovStrDup(const char* pStr, const char* fname, long line);
  * They exist while the thread heaps are on and the configuration asks for them. The heaps of ended units of work are
  * kept for the next ones, MaxShortMemoryPoolSize of them at most; when none is in use, a stock of more than
  * LimitShortHeapsForRemove goes back to the system. tctxp is the calling thread's context; null does nothing, and gives
- * SDSTS_INVALID_PARAM where there is a status. Single blocks may be released by ovFree. */
+ * SDSTS_INVALID_PARAM where there is a status. While the thread heaps are on, single blocks may be released by ovFree
+ * and resized by ovRealloc, which takes a larger block out of the unit of work.
+ *
+ * When the thread heaps end before the unit of work does, its blocks stay good, but only the calls below know them, and
+ * the regions of its heaps are not given back. A larger block that is obtained while the thread heaps are off is
+ * ovMalloc's alone: it is to be released by ovFree. */
 
-/* Gives the context its first short-term heap, unless it has one. Without memory it stays without. */
+/* Gives the context its first short-term heap, unless it has one, and an empty list of larger blocks. Without memory,
+ * of which the server is told, it stays without. */
 KEM_API void ovMemShortHeapInit(OV_THDCTX_T* tctxp);
 
 /* Whether the context has a short-term heap. */
@@ -392,8 +398,9 @@ KEM_API OV_STS_T ovMemShortHeapMalloc(OV_THDCTX_T* tctxp, OV_LONG_T size, void**
 KEM_API OV_STS_T ovMemShortHeapRealloc(OV_THDCTX_T* tctxp, OV_LONG_T size, void* block, void** newblock,
                                        const char* fname, long line);
 
-/* Ends the unit of work: all heaps of the context go, and with them all blocks, and the larger blocks are released. The
- * context may begin again. While KemSdSetMemDeallocOption is in force a context must not have larger blocks. */
+/* Ends the unit of work: all heaps of the context go, and with them all blocks, and the larger blocks are released, also
+ * while KemSdSetMemDeallocOption is in force. The context may begin again. Once a fatal exception is declared the
+ * context only forgets what it had. */
 KEM_API void ovMemShortHeapTerm(OV_THDCTX_T* tctxp);
 
 /* Sets the context's MemShortDisableFree, a note of the server's to itself that the next ovMemShortHeapInit clears. */

@@ -33,16 +33,6 @@ constexpr OV_BYTE_T kNoneAbove = 32;
 constinit KEM_SPINLOCK_T sharedLock{
     .xchg = {.slock = 1, .lSpinTime = 256, .bAcqWithId = 0, .thdMasterId = 0, .sLockCount = 0}};
 
-OV_MemBin_T* at(void* from, OV_ULONG_T bytes)
-{
-    return reinterpret_cast<OV_MemBin_T*>(static_cast<char*>(from) + bytes);
-}
-
-bool insideRegion(const OV_MemHeapHeader_T& header, const OV_MemBin_T* block)
-{
-    return reinterpret_cast<const char*>(block) < header.HeapEnd;
-}
-
 // The block physically before or behind when it is free, else null.
 OV_MemBin_T* freeBefore(OV_MemBin_T* block)
 {
@@ -160,14 +150,6 @@ void flushFastBins(OV_MemHeapHeader_T& header)
     storeRelaxed(header.FastBinCount, 0);
 }
 
-void* handOut(OV_MemHeap_T& heap, OV_MemBin_T* block)
-{
-    auto* allocated = reinterpret_cast<OV_MemAllocBlock_T*>(block);
-    allocated->MemHeap = &heap;
-    allocated->marker = nullptr;
-    return callersPointer(allocated);
-}
-
 // Hands out the chosen block whole when its rest could not hold a free block, else its top end.
 void* takeFrom(OV_MemHeap_T& heap, OV_MemBin_T* Bin, OV_ULONG_T need)
 {
@@ -177,19 +159,13 @@ void* takeFrom(OV_MemHeap_T& heap, OV_MemBin_T* Bin, OV_ULONG_T need)
         unlink(header, Bin);
         return handOut(heap, Bin);
     }
-    Bin->size -= need;
-    OV_MemBin_T* top = at(Bin, Bin->size);
-    unpoison(top, need);
-    top->size = need;
-    top->prevsize = Bin->size;
-    OV_MemBin_T* following = at(top, need);
-    if (insideRegion(header, following)) following->prevsize = need;
+    void* served = cutTop(heap, Bin, Bin->size - need, need);
     const OV_LONG_T index = binIndex(Bin->size);
     if (index < Bin->index) {
         unlink(header, Bin);
         addToBin(header, Bin, index);
     }
-    return handOut(heap, top);
+    return served;
 }
 
 } // namespace

@@ -7,6 +7,9 @@
 
 #include <kemsd/memory.h>
 
+#include <array>
+#include <cstdint>
+
 #include "sd/base/atomic.h"
 #include "sd/base/poison.h"
 
@@ -54,6 +57,72 @@ inline bool canServe(const OV_MemHeap_T& heap, OV_ULONG_T capacity)
     const OV_LONG_T bin = binIndex(capacity);
     const OV_LONG_T distance = loadRelaxed(heap.HeapHeader.BinMap[bin]);
     return bin + distance <= kLastBin;
+}
+
+// The smallest free block that belongs in a bin.
+constexpr OV_ULONG_T smallestIn(OV_LONG_T bin)
+{
+    if (bin == 0) return kSmallestFree;
+    return static_cast<OV_ULONG_T>(bin <= 16 ? bin * 128 : bin == kLastBin ? 32768 : (bin - 15) * 2048);
+}
+
+constexpr auto kSmallestIn = [] {
+    std::array<OV_ULONG_T, OV_MEM_BINS> sizes{};
+    for (OV_LONG_T bin = 0; bin <= kLastBin; ++bin) sizes[static_cast<size_t>(bin)] = smallestIn(bin);
+    return sizes;
+}();
+static_assert([] {
+    for (OV_LONG_T bin = 1; bin <= kLastBin; ++bin)
+        if (binIndex(smallestIn(bin)) != bin || binIndex(smallestIn(bin) - 1) != bin - 1) return false;
+    return true;
+}());
+
+inline OV_MemBin_T* at(void* from, OV_ULONG_T bytes)
+{
+    return reinterpret_cast<OV_MemBin_T*>(static_cast<char*>(from) + bytes);
+}
+
+inline bool insideRegion(const OV_MemHeapHeader_T& header, const OV_MemBin_T* block)
+{
+    return reinterpret_cast<const char*>(block) < header.HeapEnd;
+}
+
+inline void* handOut(OV_MemHeap_T& heap, OV_MemBin_T* block)
+{
+    auto* allocated = reinterpret_cast<OV_MemAllocBlock_T*>(block);
+    allocated->MemHeap = &heap;
+    allocated->marker = nullptr;
+    return callersPointer(allocated);
+}
+
+// Hands out the top end of a free block, all but `rest` bytes of it, which are a free block's at least and stay where
+// it is filed.
+inline void* cutTop(OV_MemHeap_T& heap, OV_MemBin_T* Bin, OV_ULONG_T rest, OV_ULONG_T need)
+{
+    Bin->size = rest;
+    OV_MemBin_T* top = at(Bin, rest);
+    unpoison(top, need);
+    top->size = need;
+    top->prevsize = rest;
+    OV_MemBin_T* following = at(top, need);
+    if (insideRegion(heap.HeapHeader, following)) following->prevsize = need;
+    return handOut(heap, top);
+}
+
+// What a fresh heap does with nearly every request: the request's own bin is empty, and the block that serves, the head
+// of the nearest bin above, still belongs there when it is cut. Null in every other case: nothing has changed then, and
+// carve() knows what to do.
+inline void* cutFromAbove(OV_MemHeap_T& heap, OV_ULONG_T capacity)
+{
+    OV_MemHeapHeader_T& header = heap.HeapHeader;
+    const OV_ULONG_T need = capacity + kBlockHeader;
+    const OV_LONG_T own = binIndex(need);
+    const OV_LONG_T above = own + header.BinMap[own];
+    if (above == own || above > kLastBin) return nullptr;
+    OV_MemBin_T* head = header.Bin[above];
+    const int64_t rest = int64_t{head->size} - need;
+    if (rest < kSmallestIn[static_cast<size_t>(above)]) return nullptr;
+    return cutTop(heap, head, static_cast<OV_ULONG_T>(rest), need);
 }
 
 // Serves `capacity` from the bins; in binheap.cpp.

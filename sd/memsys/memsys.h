@@ -27,6 +27,7 @@ void ovMemThreadHeapGetArg(OV_STR_T appname, int assumeConfigFileExists);
 void* ovMemThreadHeapMalloc(void* UniqueAddress, OV_ULONGLONG_T bytes);
 void ovMemThreadHeapFree(void* block);
 void* ovMemExtLockMalloc(long size);
+OV_MemHeap_T* ovMemGetShortHeap(void);
 }
 
 namespace sd::memsys {

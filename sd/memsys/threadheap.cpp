@@ -348,16 +348,21 @@ void linkShortTerm(OV_MemAllocExtBlock_T*& head, OV_MemAllocExtBlock_T* header)
     head->next = header;
 }
 
-namespace {
-
 // Every step of it.
-[[gnu::noinline]] void releaseCounted(OV_MemAllocExtBlock_T* header, Try lost)
+[[gnu::noinline]] void releaseCounted(OV_MemAllocExtBlock_T* header)
 {
-    yieldAfterRace(lost);
     if (bucketControl()) countRelease(header->size);
     if (header->marker != reinterpret_cast<void*>(kExternalMarker)) unlinkShortTerm(header);
     uncount(header->size + kExternalHeader);
     ovMemExtFree(header);
+}
+
+namespace {
+
+[[gnu::noinline]] void releaseAfter(Try lost, OV_MemAllocExtBlock_T* header)
+{
+    yieldAfterRace(lost);
+    releaseCounted(header);
 }
 
 } // namespace
@@ -369,9 +374,9 @@ void releaseExternal(void* block, uintptr_t marker)
     if (isSystemBlock(block, marker)) [[unlikely]]
         releaseToSystem(block);
     else if (marker != kExternalMarker || bucketControl()) [[unlikely]]
-        releaseCounted(header, Try::Held);
+        releaseCounted(header);
     else if (const Try first = uncountOnce(header->size + kExternalHeader); first != Try::Taken) [[unlikely]]
-        releaseCounted(header, first);
+        releaseAfter(first, header);
     else
         ovMemExtFree(header);
 }

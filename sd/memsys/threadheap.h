@@ -93,6 +93,8 @@ void releaseToHeaps(void* block);
 void* serveSlowly(OV_ULONG_T id, OV_ULONGLONG_T bytes);
 void* serveExternal(OV_ULONGLONG_T bytes);
 void releaseExternal(void* block, uintptr_t marker);
+// The same of a block that is known to be ours, counted and off its list, whether the heaps are on or off.
+void releaseCounted(OV_MemAllocExtBlock_T* header);
 
 // True while this thread builds a heap. What it requests meanwhile must not wait for the slot that it keeps closed.
 // Such requests have no owner, so only requests without one ask.
