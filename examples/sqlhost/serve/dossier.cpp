@@ -8,11 +8,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cerrno>
-
 #include "serve/reporttext.h"
 #include "serve/service.h"
-#include "text.h"
 
 namespace sqlhost {
 namespace {
@@ -105,8 +102,8 @@ void Dossier::look()
     const unsigned next = 1 - latest_.load(std::memory_order_relaxed);
     Figures& now = figures_[next];
     clock_gettime(CLOCK_MONOTONIC, &now.when);
-    now.counted = ovMemGetUsedMemory(&now.outside, &now.heaps, &now.aligned, &now.maxUsed, &now.maxAligned,
-                                     &now.maxTotal) == 0;
+    now.counted =
+        ovMemGetUsedMemory(&now.outside, &now.heaps, &now.aligned, &now.maxUsed, &now.maxAligned, &now.maxTotal) == 0;
     now.blocksCounted = ovMemGetUsedMemoryBlocks(kSinceStart, now.allocated, now.released) == 0;
     latest_.store(next, std::memory_order_release);
 }
@@ -133,8 +130,9 @@ void Dossier::onSignal(int number, siginfo_t* signal, void* machine)
 
 // A reserve that cannot serve ends the process by abort(): by exit() a dead server would look like one that was
 // stopped.
-void Dossier::write(int number, const siginfo_t& signal, const void* machine) const
+void Dossier::write(int number, const siginfo_t& signal, const void* machine)
 {
+    clock_gettime(CLOCK_MONOTONIC, &ended_);
     KemSdXcptSetFatExceptionOccured(TRUE);
     const int file = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR);
     if (file != -1) {
@@ -145,7 +143,7 @@ void Dossier::write(int number, const siginfo_t& signal, const void* machine) co
         addWrites(report);
         addThreads(report);
         addLocks(report);
-        report << "\nThat is all.\n";
+        addEnd(report);
         report.flush();
         close(file);
     }

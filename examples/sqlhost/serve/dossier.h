@@ -66,7 +66,7 @@ private:
     static constexpr size_t kSignalCount = sizeof kSignals / sizeof *kSignals;
 
     static void onSignal(int number, siginfo_t* signal, void* machine);
-    void write(int number, const siginfo_t& signal, const void* machine) const;
+    void write(int number, const siginfo_t& signal, const void* machine);
     void tell(int number, bool written) const;
     void addSignal(ReportText& report, int number, const siginfo_t& signal, const void* machine) const;
     void addProcess(ReportText& report) const;
@@ -75,6 +75,7 @@ private:
     void addWrites(ReportText& report) const;
     void addThreads(ReportText& report) const;
     void addLocks(ReportText& report) const;
+    void addEnd(ReportText& report) const;
     void addHeld(ReportText& report, const KEM_RWLOCK_T& lock) const;
     const Entry* entryOf(int id) const;
     [[noreturn]] void end(int number) const;
@@ -84,7 +85,7 @@ private:
     Service& service_;
     const FatalEnd end_;
     const std::string path_;
-    timespec started_;
+    timespec started_, ended_;
     Entry entries_[1 + Segments::kMostClients];
     Figures figures_[2]; // one is being written, the other one counts
     std::atomic<unsigned> latest_{0};

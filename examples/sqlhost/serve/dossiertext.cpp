@@ -16,7 +16,8 @@ using Column = ReportText::Column;
 using Hex = ReportText::Hex;
 
 constexpr Column kValues{20};
-constexpr uint64_t kNearTheStack = 65536; // bytes around the stack pointer in which a thread that grows its stack faults
+constexpr uint64_t kNearTheStack =
+    65536; // bytes around the stack pointer in which a thread that grows its stack faults
 
 constexpr const char* signalName(int number)
 {
@@ -41,12 +42,14 @@ uint64_t addressOf(const void* place) { return reinterpret_cast<uint64_t>(place)
 
 uint64_t loaded(const OV_BOOL_T volatile& word) { return __atomic_load_n(&word, __ATOMIC_RELAXED); }
 
-int64_t millisecondsFrom(const timespec& earlier)
+int64_t microsecondsFrom(const timespec& earlier)
 {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return (now.tv_sec - earlier.tv_sec) * 1000 + (now.tv_nsec - earlier.tv_nsec) / 1000000;
+    return (now.tv_sec - earlier.tv_sec) * 1000000 + (now.tv_nsec - earlier.tv_nsec) / 1000;
 }
+
+int64_t millisecondsFrom(const timespec& earlier) { return microsecondsFrom(earlier) / 1000; }
 
 void addTitle(ReportText& report, const char* title)
 {
@@ -172,7 +175,8 @@ void Dossier::addWrites(ReportText& report) const
 {
     const OV_PAUSE_INTERFACE_T& pause = service_.server().service().pauseinterface;
     addTitle(report, "Writes");
-    report << "write leases out" << kValues << int64_t{__atomic_load_n(&pause.lBusyWriteIOCnt, __ATOMIC_RELAXED)} << "\n";
+    report << "write leases out" << kValues << int64_t{__atomic_load_n(&pause.lBusyWriteIOCnt, __ATOMIC_RELAXED)}
+           << "\n";
     report << "writing" << kValues << (loaded(pause.bPauseWriteIO) ? "paused, or being paused" : "going on") << "\n";
 }
 
@@ -225,6 +229,13 @@ void Dossier::addHeld(ReportText& report, const KEM_RWLOCK_T& lock) const
                << (mode == kReading ? " holds it for reading" : " holds it for writing");
     }
     report << "\n";
+}
+
+// A report without this line is not whole: the handler itself has failed.
+void Dossier::addEnd(ReportText& report) const
+{
+    report.flush();
+    report << "\nWritten in " << microsecondsFrom(ended_) << " microseconds.\n";
 }
 
 const Dossier::Entry* Dossier::entryOf(int id) const

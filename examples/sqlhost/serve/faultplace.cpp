@@ -25,7 +25,10 @@ public:
         return value;
     }
     void skip() { rest_.remove_prefix(rest_.find(' ') < rest_.size() ? rest_.find(' ') + 1 : rest_.size()); }
-    std::string_view last() const { return rest_.substr(rest_.find('/') < rest_.size() ? rest_.find('/') : rest_.size()); }
+    std::string_view last() const
+    {
+        return rest_.substr(rest_.find('/') < rest_.size() ? rest_.find('/') : rest_.size());
+    }
 
 private:
     static int digit(char c) { return c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1; }

@@ -1,6 +1,6 @@
-// A unit of work of a server's thread: what one request needs beside SQLite, which is its text, the frames of its answer
-// and the like. It comes from the thread's short-term heaps, without a lock, and goes back at once with the unit. Where
-// there are none, switched off or for want of memory, the usual heaps serve.
+// A unit of work of a server's thread: what one request needs beside SQLite, which is its text, the frames of its
+// answer and the like. It comes from the thread's short-term heaps, without a lock, and goes back at once with the
+// unit. Where there are none, switched off or for want of memory, the usual heaps serve.
 #pragma once
 
 #include <kemsd/memory.h>
