@@ -19,6 +19,7 @@
 namespace {
 
 using sqlhost::Engine;
+using sqlhost::Placement;
 using sqlhost::Server;
 
 constexpr int kFailed = 1;
@@ -35,6 +36,8 @@ struct Options {
     bool csv = false;
     bool json = false;
     bool mapped = false;
+    bool core = false;
+    bool numa = false;
     sqlhost::BackupOptions backup;
     sqlhost::PruneOptions prune;
 };
@@ -138,11 +141,15 @@ void addServe(CLI::App& app, Options& options)
         addServerCommand(app, options, "serve", "Serve the database of a directory, made when missing, until stopped");
     addModules(*command, options);
     addMapped(*command, options);
+    command->add_flag("--numa", options.numa, "Bind the clients' threads to the machine's memory nodes in turn");
+    command->add_flag("--core", options.core, "After a fatal signal end by abort(), for a core dump");
     command->final_callback([&options] {
         if (options.mapped) sqlhost::readDatabasesMapped();
-        Server server(options.memoryFile, options.verbose, Engine::manyThreads);
+        const auto placement = options.numa ? Placement::onNodes : Placement::anywhere;
+        Server server(options.memoryFile, options.verbose, Engine::manyThreads, placement);
         const sqlhost::SqlModules modules(server.context(), options.modules);
-        sqlhost::Service(server, modules, options.directory).run();
+        const auto end = options.core ? sqlhost::FatalEnd::byAbort : sqlhost::FatalEnd::bySignal;
+        sqlhost::Service(server, modules, options.directory, end).run();
     });
 }
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 #include "memoryfile.h"
 #include "printed.h"
@@ -21,15 +22,16 @@ char applicationName[] = "sqlhost"; // the library keeps the pointer
 // Step one: the process-wide switches and hooks, before anything is allocated. There is no failover lease to guard, and
 // nobody asks for lock statistics, so these two hooks stay unregistered.
 // A server has more threads than there are processors: the spinlocks that go to whoever comes are the ones for it.
-// Those by ticket hand the lock to the next in line even while that thread does not run, and all behind it wait.
-void setSwitches()
+// Those by ticket hand the lock to the next in line even while that thread does not run, and all behind it wait. They
+// come with the acceleration that placement needs, on machines that have processors enough.
+void setSwitches(Placement placement)
 {
     KemSdSetMemoryManager(TRUE);
     KemSdSetMmapAllocCfg(FALSE);
     KemSdSetMemProtectCfg(FALSE);
     KemSdSetFailoverModeFlag(FALSE);
     KemSdSetFileLockingMode(KEM_FILE_LOCK_ADVISORY);
-    KemSdSetHardwareAcceleration(FALSE);
+    KemSdSetHardwareAcceleration(placement == Placement::onNodes);
     KemSdSetAppFolderName(applicationName);
     registerThreadHooks();
 }
@@ -70,11 +72,14 @@ bool makeClearEvent(KEM_PSDCTX_T context, KEM_PEVENTHDL_T event)
 
 } // namespace
 
-// The first constructor completes at once, so that the destructor runs when a later step throws.
-Server::Server(const std::string& memoryFile, bool verbose, Engine engine) : Server()
+// The first constructor completes at once, so that the destructor runs when a later step throws. The reserve for crash
+// reports comes before the heaps, whose limit does not count it.
+Server::Server(const std::string& memoryFile, bool verbose, Engine engine, Placement placement) : Server()
 {
-    setSwitches();
+    setSwitches(placement);
+    if (engine == Engine::manyThreads) KemSdXcptCreateStackHeader();
     startMemory(memoryFile, verbose);
+    if (placement == Placement::onNodes) startPlacement();
     startService();
     startEngine(engine);
 }
@@ -97,6 +102,22 @@ void Server::startMemory(const std::string& memoryFile, bool verbose)
     thread_.emplace(&net_, &service_);
     if (ovMemCheckMemoryMinStatus(&thread()) != 0) throw Failure(memoryFile_ + ": the memory limit was rejected");
     ovMemSetThreadContext(&thread());
+}
+
+// The environment has the last word: who has switched nodes off there does not get them.
+void Server::startPlacement()
+{
+    setenv("OV_TURN_OFF_NUMA", "false", 0);
+    KemSdInitNumaResources();
+    if (KemSdGetNumNumaNodes() == 0)
+        fprintf(stderr, "sqlhost: --numa: there is one memory node, or none to be used: nothing to place\n");
+}
+
+void Server::placeThread()
+{
+    if (KemSdGetNumNumaNodes() == 0) return;
+    const KEM_LONG64_T number = placedThreads_.fetch_add(1, std::memory_order_relaxed);
+    KemSdBindThreadToNode(&ThreadContext::current(), KemSdGetNumaNodeId(number));
 }
 
 // The write pause: no pause, no lease out.
@@ -143,8 +164,10 @@ Server::~Server()
     ovMemResetThreadContext();
     ovMemThreadHeapTerm();
     if (thread_) thread_->freeLocks();
+    KemSdDestroyNumaResources();
     KemSyncEnvTerm(thread_ ? thread_->context() : nullptr);
     thread_.reset();
+    KemSdXcptDestroyStackHeader();
 }
 
 } // namespace sqlhost

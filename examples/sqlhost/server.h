@@ -1,6 +1,7 @@
 // The server around the engine: kemsd's start-up and shutdown in the order the library asks for, and SQLite on top.
 #pragma once
 
+#include <atomic>
 #include <optional>
 #include <string>
 
@@ -12,10 +13,13 @@ namespace sqlhost {
 // How many threads use SQLite: only the one that starts the server, or any.
 enum class Engine { oneThread, manyThreads };
 
+// Where threads run and find their memory: wherever the system puts them, or bound to the machine's nodes in turn.
+enum class Placement { anywhere, onNodes };
+
 class Server {
 public:
     // `memoryFile`: the memory configuration, or empty for the usual one. Throws Failure; what had started is stopped.
-    Server(const std::string& memoryFile, bool verbose, Engine engine);
+    Server(const std::string& memoryFile, bool verbose, Engine engine, Placement placement = Placement::anywhere);
     ~Server();
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
@@ -26,12 +30,15 @@ public:
     NetContext& net() { return net_; }
     const std::string& memoryFile() const { return memoryFile_; }
 
+    // Binds the calling thread to the next node in turn, where threads are placed.
+    void placeThread();
     // From now on no write waits for the end of a pause.
     void setTerminating();
 
 private:
     Server() = default;
     void startMemory(const std::string& memoryFile, bool verbose);
+    void startPlacement();
     void startService();
     void startEngine(Engine engine);
 
@@ -39,6 +46,7 @@ private:
     OV_SVCTX_T service_{};
     std::optional<ThreadContext> thread_;
     std::string memoryFile_;
+    std::atomic<KEM_LONG64_T> placedThreads_{0};
     bool serviceStarted_ = false;
 };
 

@@ -42,11 +42,16 @@ void SqlServer::remember()
     seen_.sets.insert(seen_.sets.end(), now.sets.begin(), now.sets.end());
 }
 
-void SqlServer::killServer()
+Ended SqlServer::endServer(const std::function<void()>& deed)
 {
     remember();
-    server_->signal(SIGKILL);
-    EXPECT_EQ(SIGKILL, server_->wait().signal);
+    deed();
+    return server_->wait();
+}
+
+void SqlServer::killServer()
+{
+    EXPECT_EQ(SIGKILL, endServer([this] { server_->signal(SIGKILL); }).signal);
 }
 
 void SqlServer::stopServer()

@@ -19,6 +19,8 @@ protected:
     // Starts a server, with these options, and waits until it is ready.
     Background& serve(const std::vector<std::string>& options = {});
     Background& server() { return *server_; }
+    // What ends it without its cleaning up, which this waits for; and how it ended.
+    Ended endServer(const std::function<void()>& deed);
     // Kills it, so that it cleans nothing up.
     void killServer();
     // Ends it orderly; it must succeed with nothing on standard error, unless the test has provoked complaints.

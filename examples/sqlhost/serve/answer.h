@@ -1,6 +1,7 @@
 // The server's answer to one request, sent while it is made.
 #pragma once
 
+#include <memory_resource>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,7 +13,10 @@ namespace sqlhost {
 
 class Answer {
 public:
-    Answer(KEM_PSDCTX_T context, Channel& channel) : context_(context), channel_(channel) {}
+    // Frames are put together in this memory.
+    Answer(KEM_PSDCTX_T context, Channel& channel, std::pmr::memory_resource& memory)
+        : context_(context), channel_(channel), frame_(&memory)
+    {}
 
     // A result: its columns, its rows, its end. Each may throw PeerGone.
     void columns(const std::vector<std::string>& names);
@@ -31,7 +35,7 @@ private:
 
     KEM_PSDCTX_T context_;
     Channel& channel_;
-    std::string frame_;
+    std::pmr::string frame_;
 };
 
 } // namespace sqlhost

@@ -46,14 +46,14 @@ private:
 
 } // namespace
 
-Request nextRequest(KEM_PSDCTX_T context, Channel& channel)
+Request nextRequest(KEM_PSDCTX_T context, Channel& channel, std::pmr::memory_resource& memory)
 {
     Run run(context, channel);
     std::string_view piece = run.next();
     if (piece.size() < kFrameHead) refuse(run, "a request begins with a type and a length");
     uint32_t length;
     memcpy(&length, piece.data() + 1, sizeof length);
-    Request request{piece[0], {}};
+    Request request{piece[0], std::pmr::string(&memory)};
     const RequestKind* const kind = requestKind(request.type);
     if (!kind) refuse(run, text("unknown request 0x%02x", static_cast<unsigned char>(request.type)));
     if (length > kind->longest)

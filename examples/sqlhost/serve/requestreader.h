@@ -1,6 +1,7 @@
 // The server's reading of a client's requests. It trusts nothing in them: a length only says how much is to be refused.
 #pragma once
 
+#include <memory_resource>
 #include <string>
 
 #include "text.h"
@@ -15,10 +16,10 @@ struct BadRequest : Failure {
 
 struct Request {
     char type;
-    std::string payload;
+    std::pmr::string payload;
 };
 
-// Waits for the next request and takes it whole. Throws BadRequest, or PeerGone.
-Request nextRequest(KEM_PSDCTX_T context, Channel& channel);
+// Waits for the next request and takes it whole, into this memory. Throws BadRequest, or PeerGone.
+Request nextRequest(KEM_PSDCTX_T context, Channel& channel, std::pmr::memory_resource& memory);
 
 } // namespace sqlhost

@@ -54,6 +54,7 @@ void Service::serveOnce()
     letIn();
     noticeTheGone();
     pause_.look();
+    dossier_->look();
 }
 
 // From here on clients see a server that is not ready.

@@ -4,6 +4,7 @@
 
 #include <optional>
 
+#include "serve/dossier.h"
 #include "serve/segments.h"
 #include "serve/sessions.h"
 #include "serve/writepause.h"
@@ -19,7 +20,7 @@ class Service {
 public:
     // Claims the directory, which is made when missing, and clears what a server that was killed has left there.
     // SIGTERM, SIGINT and SIGHUP are blocked from now on. Throws Failure.
-    Service(Server& server, const SqlModules& modules, const std::string& directory);
+    Service(Server& server, const SqlModules& modules, const std::string& directory, FatalEnd end);
     // Leaves the directory as it was, but for the database and three empty files. All sessions have ended.
     ~Service();
     Service(const Service&) = delete;
@@ -35,6 +36,7 @@ public:
     const ServerIdentity& identity() const { return identity_; }
     Sessions& sessions() { return sessions_; }
     WritePause& pause() { return pause_; }
+    Dossier& dossier() { return *dossier_; }
     CriticalSection& importTurn() { return importTurn_; }
     unsigned segmentCount() const { return segments_->count(); }
     // Wakes the first thread: a session has ended.
@@ -43,7 +45,7 @@ public:
 private:
     struct Claimed {};
     Service(Server& server, const SqlModules& modules, const std::string& directory, Claimed);
-    void open();
+    void open(FatalEnd end);
     void clearStale();
     void openDatabase();
     void tryModules();
@@ -72,6 +74,7 @@ private:
     KEM_PIPEHDL_T wake_{-1, -1, nullptr};
     int signals_ = -1;
     bool ending_ = false;
+    std::optional<Dossier> dossier_;
 };
 
 } // namespace sqlhost

@@ -53,11 +53,11 @@ int takeSignals()
 } // namespace
 
 // The inner constructor completes at once, so that the destructor runs when a later step throws.
-Service::Service(Server& server, const SqlModules& modules, const std::string& directory)
+Service::Service(Server& server, const SqlModules& modules, const std::string& directory, FatalEnd end)
     : Service(server, modules, directory, Claimed())
 {
     claim(server_.context(), serverLock_, directory_);
-    open();
+    open(end);
 }
 
 Service::Service(Server& server, const SqlModules& modules, const std::string& directory, Claimed)
@@ -71,7 +71,7 @@ Service::Service(Server& server, const SqlModules& modules, const std::string& d
 {}
 
 // The note tells from the first made object to the last removed one whose they are.
-void Service::open()
+void Service::open(FatalEnd end)
 {
     signals_ = takeSignals();
     if (signals_ == -1) throw Failure(text("cannot wait for signals: %s", strerror(errno)));
@@ -82,6 +82,7 @@ void Service::open()
     identity_.stamp =
         static_cast<uint32_t>(now.lSeconds) * uint64_t{1000000} + static_cast<uint64_t>(now.lMicroseconds);
     writeNote();
+    dossier_.emplace(*this, end);
     openDatabase();
     tryModules();
     segments_.emplace(server_.context(), directory_, identity_.pid);

@@ -3,10 +3,12 @@
 #include <new>
 
 #include "serve/belongings.h"
+#include "serve/dossier.h"
 #include "serve/guard.h"
 #include "serve/requestreader.h"
 #include "serve/requests.h"
 #include "serve/service.h"
+#include "serve/unitofwork.h"
 
 namespace sqlhost {
 
@@ -41,18 +43,20 @@ void Session::work()
 try {
     try {
         ThreadContext thread(&service_.server().net(), &service_.server().service());
-        converse(thread.context());
+        service_.server().placeThread();
+        const KnownThread known(service_.dossier(), thread.record(), this);
+        converse(thread.record());
     } catch (const std::exception& failure) {
         refuseAll(failure.what());
     }
 } catch (const PeerGone&) {
 }
 
-void Session::converse(KEM_PSDCTX_T context)
+void Session::converse(OV_THDCTX_T& thread)
 {
     std::optional<Database> database;
     Belongings belongings(service_.pause());
-    while (answerNext(context, database, belongings)) {
+    while (answerNext(thread, database, belongings)) {
     }
 }
 
@@ -69,12 +73,15 @@ try {
     throw;
 }
 
-bool Session::answerNext(KEM_PSDCTX_T context, std::optional<Database>& database, Belongings& belongings)
+// One request is one unit of work, from its first byte to the last of its answer.
+bool Session::answerNext(OV_THDCTX_T& thread, std::optional<Database>& database, Belongings& belongings)
 {
-    Answer answer(context, channel_);
+    KEM_PSDCTX_T const context = thread.pSdCtx;
+    UnitOfWork work(thread);
+    Answer answer(context, channel_, work);
     activity_.store("idle", std::memory_order_relaxed);
     try {
-        const Request request = nextRequest(context, channel_);
+        const Request request = nextRequest(context, channel_, work);
         const RequestKind& kind = *requestKind(request.type);
         requests_.fetch_add(1, std::memory_order_relaxed);
         if (!kind.handler) return false;
@@ -96,13 +103,14 @@ bool Session::answerNext(KEM_PSDCTX_T context, std::optional<Database>& database
 
 void Session::refuseAll(const char* why)
 {
+    std::pmr::memory_resource& memory = *std::pmr::get_default_resource();
     activity_.store("failed", std::memory_order_relaxed);
     for (;;) {
         try {
-            if (!requestKind(nextRequest(nullptr, channel_).type)->handler) return;
+            if (!requestKind(nextRequest(nullptr, channel_, memory).type)->handler) return;
         } catch (const BadRequest&) {
         }
-        Answer(nullptr, channel_).fail(kNoPlace, why);
+        Answer(nullptr, channel_, memory).fail(kNoPlace, why);
     }
 }
 

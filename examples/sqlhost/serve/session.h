@@ -40,9 +40,9 @@ public:
 private:
     static void* threadBody(void* session);
     void work();
-    void converse(KEM_PSDCTX_T context);
+    void converse(OV_THDCTX_T& thread);
     Database& open(KEM_PSDCTX_T context, std::optional<Database>& database);
-    bool answerNext(KEM_PSDCTX_T context, std::optional<Database>& database, Belongings& belongings);
+    bool answerNext(OV_THDCTX_T& thread, std::optional<Database>& database, Belongings& belongings);
     void refuseAll(const char* why);
 
     Service& service_;

@@ -22,6 +22,8 @@ public:
     // Shows each in turn; none comes or goes meanwhile.
     void each(const std::function<void(Session&)>& look);
     bool empty();
+    // For reports on it.
+    const KEM_RWLOCK_T& lock() const { return lock_; }
 
 private:
     KEM_RWLOCK_T lock_; // guards what follows

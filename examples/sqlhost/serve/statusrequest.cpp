@@ -1,5 +1,6 @@
 // What the server tells about itself: two results, the server's figures and its clients.
 #include <algorithm>
+#include <filesystem>
 
 #include "serve/requests.h"
 #include "serve/service.h"
@@ -80,6 +81,26 @@ void addMemory(Rows& rows)
     rows.add({"memory limit", settings[0] ? bytesText(settings[0]) : "none"});
 }
 
+// Reports of servers that a fatal signal has ended.
+void addDossiers(Rows& rows, const ServerDirectory& directory)
+{
+    namespace fs = std::filesystem;
+    uint64_t count = 0;
+    fs::file_time_type newest;
+    std::string last;
+    std::error_code failed;
+    for (fs::directory_iterator at(directory.path, failed); !failed && at != fs::directory_iterator();
+         at.increment(failed)) {
+        const std::string name = at->path().filename().string();
+        if (!name.starts_with("crash-") || !name.ends_with(".txt")) continue;
+        std::error_code gone;
+        const fs::file_time_type when = at->last_write_time(gone);
+        if (++count == 1 || when > newest) last = name;
+        newest = std::max(newest, when);
+    }
+    if (count > 0) rows.add({"crash reports", text("%s, the last %s", countText(count).c_str(), last.c_str())});
+}
+
 // The list is complete before any of it is sent: sending may wait for the client, and the sessions' lock may not.
 void addClients(Rows& rows, Sessions& sessions)
 {
@@ -105,6 +126,7 @@ void answerStatus(Desk& desk, std::string_view, Answer& answer)
     addLocks(server);
     addWrites(server, service);
     addMemory(server);
+    addDossiers(server, service.directory());
     server.end();
     Rows clients(answer, {"segment", "slot", "client", "state", "requests"});
     addClients(clients, service.sessions());

@@ -22,6 +22,8 @@ ServerDirectory::ServerDirectory(const std::string& named)
 
 std::string ServerDirectory::exchange(unsigned segment) const { return path + text("/exchange.%u", segment); }
 
+std::string ServerDirectory::dossier(KEM_PROCID_T pid) const { return path + text("/crash-%d.txt", pid); }
+
 std::string ServerDirectory::spool(unsigned segment, unsigned slot) const
 {
     return path + text("/rows.%u.%u", segment, slot);

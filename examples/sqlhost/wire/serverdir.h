@@ -23,6 +23,8 @@ struct ServerDirectory {
 
     // The file whose key names a segment and its semaphores; segments are counted from 1.
     std::string exchange(unsigned segment) const;
+    // What a server with that process id writes when a fatal signal ends it.
+    std::string dossier(KEM_PROCID_T pid) const;
     // The name that the file of a client's rows has for a moment.
     std::string spool(unsigned segment, unsigned slot) const;
 };
