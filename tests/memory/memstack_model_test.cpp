@@ -17,6 +17,8 @@ using namespace kemsd::test;
 
 namespace {
 
+constexpr size_t kMostBlocks = 40;
+
 struct Item {
     size_t level; // of its block, 0 for the bottom one
     uint64_t offset;
@@ -103,7 +105,7 @@ public:
     ~Run()
     {
         EXPECT_EQ(KemSdMemStackDelete(nullptr, stack_), 0);
-        if (blocksCounted_) EXPECT_EQ(liveBlocks(), before_);
+        EXPECT_TRUE(!blocksCounted_ || liveBlocks() == before_);
     }
     Run(const Run&) = delete;
     Run& operator=(const Run&) = delete;
@@ -111,12 +113,12 @@ public:
     void step()
     {
         const unsigned action = random_() % 64;
-        if (action < 44 || items_.empty())
-            push(randomBytes());
-        else if (action < 63)
-            pop();
-        else
+        if (action == 0 || model_.blocks() > kMostBlocks)
             reset();
+        else if (action < 44 || items_.empty())
+            push(randomBytes());
+        else
+            pop();
         check();
     }
 
@@ -197,7 +199,7 @@ private:
     {
         EXPECT_EQ(walkStack(*stack_), model_.walk());
         EXPECT_EQ(stack_->ulStackPtrOff, model_.top());
-        if (blocksCounted_) EXPECT_EQ(liveBlocks() - before_, static_cast<long>(1 + model_.blocks()));
+        EXPECT_TRUE(!blocksCounted_ || liveBlocks() - before_ == static_cast<long>(1 + model_.blocks()));
     }
 
     long before_;
@@ -219,19 +221,19 @@ void runModel(KEM_ULONG_T alignment, KEM_ULONG_T bytes, long steps, bool blocksC
 
 TEST(MemStackModel, BehavesAsItsPictureAtEveryAlignment)
 {
-    for (KEM_ULONG_T alignment = 1; alignment <= 4096; alignment *= 2) runModel(alignment, 1000, 4000);
+    for (KEM_ULONG_T alignment = 1; alignment <= 4096; alignment *= 2) runModel(alignment, 1000, 2000);
 }
 
 TEST(MemStackModel, BehavesAsItsPictureWithLargeBlocks)
 {
-    for (const KEM_ULONG_T alignment : {1u, 8u, 64u, 4096u}) runModel(alignment, 65536, 3000);
+    for (const KEM_ULONG_T alignment : {1u, 8u, 64u, 4096u}) runModel(alignment, 65536, 1000);
 }
 
 TEST(MemStackModel, BehavesAsItsPictureWithBlockHeaders)
 {
     KemSdSetMemoryManager(TRUE);
     ovCreateThreadAlloc(nullptr);
-    runModel(8, 1000, 4000);
+    runModel(8, 1000, 2000);
     ovDestroyThreadAlloc(nullptr);
     KemSdSetMemoryManager(FALSE);
 }
@@ -239,7 +241,7 @@ TEST(MemStackModel, BehavesAsItsPictureWithBlockHeaders)
 TEST(MemStackModel, BehavesAsItsPictureOnThreadHeaps)
 {
     ASSERT_EQ(startThreadHeaps("numthreadheaps 4 numheaps 12 heapsize 512K maxblock 64K shortmemoryoff"), 0);
-    runModel(8, 1000, 4000, false);
+    runModel(8, 1000, 2000, false);
     runModel(64, 65536, 1000, false);
     expectSoundThreadHeaps();
     EXPECT_EQ(usedHeapBytes(), 0u);

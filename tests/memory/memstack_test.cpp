@@ -63,13 +63,17 @@ protected:
     void SetUp() override
     {
         ASSERT_EQ(getpagesize(), 4096) << "the sizes below are those of such pages";
+        asked.clear();
+        freedAt.clear();
         errno = 77;
         before_ = liveBlocks();
     }
     void TearDown() override
     {
         refusedFree = 0;
-        if (stack) EXPECT_THAT(reported(KemSdMemStackDelete, stack), Succeeds());
+        if (stack) {
+            EXPECT_THAT(reported(KemSdMemStackDelete, stack), Succeeds());
+        }
         EXPECT_EQ(liveBlocks(), before_) << "blocks were left behind";
     }
 
@@ -95,6 +99,12 @@ protected:
         EXPECT_THAT(reported(KemSdMemStackAllocAndPush, stack, bytes, &item), Succeeds());
         if (item) memset(item, 0x5A, bytes);
         return static_cast<char*>(item);
+    }
+    // Where in its block the item lies.
+    ptrdiff_t offsetOf(KEM_ULONG_T bytes)
+    {
+        char* const item = push(bytes);
+        return item - block();
     }
     Report pop(void* item) { return reported(KemSdMemStackPopAndFree, stack, item); }
     char* block() const { return reinterpret_cast<char*>(stack->pCurrentBlock); }
@@ -300,10 +310,10 @@ TEST_F(MemStack, AlignmentOfOneLeavesNoGaps)
 TEST_F(MemStack, PushOfNothingGivesTheStackPointerAndLeavesIt)
 {
     ASSERT_THAT(create(8, 1000), Succeeds());
-    EXPECT_EQ(push(0), block() + 16) << "the first one takes the reserve";
+    EXPECT_EQ(offsetOf(0), 16) << "the first one takes the reserve";
     push(100);
-    EXPECT_EQ(push(0), block() + 120);
-    EXPECT_EQ(push(0), block() + 120);
+    EXPECT_EQ(offsetOf(0), 120);
+    EXPECT_EQ(offsetOf(0), 120);
     EXPECT_EQ(stack->ulStackPtrOff, 120u);
 }
 
@@ -311,7 +321,7 @@ TEST_F(MemStack, BlockIsFilledToItsLastByte)
 {
     ASSERT_THAT(create(8, 1000), Succeeds());
     push(kBlock - 16);
-    EXPECT_EQ(push(0), block() + kBlock);
+    EXPECT_EQ(offsetOf(0), ptrdiff_t{kBlock});
     EXPECT_THAT(pop(block() + kBlock), Fails(SDSTS_INVALID_PARAM));
     EXPECT_EQ(walkStack(*stack), (StackWalk{{kBlock}, {}}));
     push(1);
@@ -323,8 +333,8 @@ TEST_F(MemStack, ItemNeverSpansBlocks)
 {
     ASSERT_THAT(create(8, 1000), Succeeds());
     push(3000);
-    EXPECT_EQ(push(2000), block() + 16);
-    EXPECT_EQ(push(900), block() + 2016) << "the older block is not looked at again";
+    EXPECT_EQ(offsetOf(2000), 16);
+    EXPECT_EQ(offsetOf(900), 2016) << "the older block is not looked at again";
     EXPECT_EQ(walkStack(*stack), (StackWalk{{kBlock, kBlock}, {}}));
 }
 
@@ -342,10 +352,10 @@ TEST_F(MemStack, AlignmentLargerThanTheBlockObtainsALargerOne)
 {
     ASSERT_THAT(create(4096, 0), Succeeds());
     EXPECT_EQ(stack->ulCreateBlockSize, kBlock);
-    EXPECT_EQ(push(0), block() + 4096);
-    EXPECT_EQ(push(3968), block() + 4096);
+    EXPECT_EQ(offsetOf(0), 4096);
+    EXPECT_EQ(offsetOf(3968), 4096);
     EXPECT_EQ(walkStack(*stack), (StackWalk{{8064}, {kBlock}}));
-    EXPECT_EQ(push(1), block() + 4096) << "rounded up, the stack pointer is beyond the block";
+    EXPECT_EQ(offsetOf(1), 4096) << "rounded up, the stack pointer is beyond the block";
     EXPECT_EQ(walkStack(*stack), (StackWalk{{8064, 8064}, {kBlock}}));
 }
 

@@ -284,7 +284,8 @@ TEST_F(CrashTime, ResizingCopiesWhatLiesBehindTheOldItemToo)
 
 TEST_F(CrashTime, ResizingCopiesNothingFromBeyondTheReserve)
 {
-    void* item = block_ + kReserve - 8;
+    allocated(8);
+    void* const item = block_ + kReserve - 8;
     memcpy(item, "01234567", 8);
     char* const moved = resized(item, 100);
     EXPECT_EQ(text(moved, 9), "01234567\xEE");
