@@ -40,6 +40,7 @@ void* KeyWatch::watchBody(void* watch)
 // A key that comes at the end of the watch is not taken.
 void KeyWatch::watch()
 {
+    SingleKeys::takeSignals();
     pollfd ends[] = {{STDIN_FILENO, POLLIN, 0}, {end_.iFdRead, POLLIN, 0}};
     while (poll(ends, 2, -1) == -1 && errno == EINTR) {
     }

@@ -14,8 +14,10 @@
 namespace sqlhost {
 namespace {
 
-// Signals that end the program, or stop it: the terminal is the next program's then.
+// Signals that end the program, or stop it: the terminal is the next program's then. The last ones are a thread's own
+// faults, and cannot be left to another.
 constexpr int kSignals[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGTSTP, SIGABRT, SIGSEGV, SIGBUS};
+constexpr size_t kFaults = 2;
 
 // For the signals' handler. Written while it is not in force.
 termios settings;
@@ -56,6 +58,15 @@ void leaveSignals()
     for (size_t i = 0; i < std::size(kSignals); ++i) sigaction(kSignals[i], &earlier[i], nullptr);
 }
 
+// SIG_BLOCK or SIG_UNBLOCK, for the calling thread.
+void mask(int how)
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (size_t i = 0; i < std::size(kSignals) - kFaults; ++i) sigaddset(&signals, kSignals[i]);
+    pthread_sigmask(how, &signals, nullptr);
+}
+
 // Takes what can be read without waiting.
 void take(TypedAhead& ahead)
 {
@@ -80,20 +91,26 @@ SingleKeys::SingleKeys(TypedAhead& ahead)
     wanted.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | ISIG);
     wanted.c_cc[VMIN] = 1;
     wanted.c_cc[VTIME] = 0;
+    mask(SIG_BLOCK);
     catchSignals();
     if (apply(wanted) == -1) {
         const int error = errno;
         leaveSignals();
+        mask(SIG_UNBLOCK);
         throw Failure(text("cannot change the terminal's settings: %s", strerror(error)));
     }
     take(ahead);
 }
 
+// A signal that comes meanwhile waits until all is as it was.
 SingleKeys::~SingleKeys()
 {
     apply(settings);
     leaveSignals();
+    mask(SIG_UNBLOCK);
 }
+
+void SingleKeys::takeSignals() { mask(SIG_UNBLOCK); }
 
 void SingleKeys::discard() { tcflush(STDIN_FILENO, TCIFLUSH); }
 

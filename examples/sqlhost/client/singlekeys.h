@@ -12,7 +12,8 @@ struct TypedAhead {
 };
 
 // Standard input gives single keys while the object lives; there is one at a time. The terminal has its settings back
-// when it goes, and when a signal ends or stops the program.
+// when it goes, and when a signal ends or stops the program. The making thread leaves such signals to another one, so
+// that none cuts short what it waits for.
 class SingleKeys {
 public:
     // What has been typed until now is no key, but goes to `ahead`. Throws Failure.
@@ -21,6 +22,8 @@ public:
     SingleKeys(const SingleKeys&) = delete;
     SingleKeys& operator=(const SingleKeys&) = delete;
 
+    // For the thread that the signals are left to.
+    static void takeSignals();
     // Throws away the keys that nobody has taken.
     void discard();
 };
