@@ -72,6 +72,8 @@ made again by a thread on one node: 0 nodes, number 5 on -1
 end
 TEXT
 tr -d '\r' <"$work/console" | sed -n 's/^.*numa: //p' >"$work/said"
+# A machine that is busy with other work may be too slow to boot a guest; that says nothing about placement.
+[ $status -ne 124 ] || [ -s "$work/said" ] || skip "the guest did not come up within $seconds s"
 if [ $status -ne 0 ] || ! diff -u "$work/expected" "$work/said"; then
     echo "the guest ended with $status; its console:"
     tr -d '\r' <"$work/console" | tail -40
