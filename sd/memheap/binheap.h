@@ -8,7 +8,6 @@
 #include <kemsd/memory.h>
 
 #include <array>
-#include <cstdint>
 
 #include "sd/base/atomic.h"
 #include "sd/base/poison.h"
@@ -67,8 +66,9 @@ constexpr OV_ULONG_T smallestIn(OV_LONG_T bin)
 }
 
 constexpr auto kSmallestIn = [] {
-    std::array<OV_ULONG_T, OV_MEM_BINS> sizes{};
-    for (OV_LONG_T bin = 0; bin <= kLastBin; ++bin) sizes[static_cast<size_t>(bin)] = smallestIn(bin);
+    std::array<OV_LONG_T, OV_MEM_BINS> sizes{};
+    for (OV_LONG_T bin = 0; bin <= kLastBin; ++bin)
+        sizes[static_cast<size_t>(bin)] = static_cast<OV_LONG_T>(smallestIn(bin));
     return sizes;
 }();
 static_assert([] {
@@ -120,9 +120,9 @@ inline void* cutFromAbove(OV_MemHeap_T& heap, OV_ULONG_T capacity)
     const OV_LONG_T above = own + header.BinMap[own];
     if (above == own || above > kLastBin) return nullptr;
     OV_MemBin_T* head = header.Bin[above];
-    const int64_t rest = int64_t{head->size} - need;
-    if (rest < kSmallestIn[static_cast<size_t>(above)]) return nullptr;
-    return cutTop(heap, head, static_cast<OV_ULONG_T>(rest), need);
+    const OV_ULONG_T rest = head->size - need; // beyond 2^31 when the block is the smaller one
+    if (static_cast<OV_LONG_T>(rest) < kSmallestIn[static_cast<size_t>(above)]) return nullptr;
+    return cutTop(heap, head, rest, need);
 }
 
 // Serves `capacity` from the bins; in binheap.cpp.

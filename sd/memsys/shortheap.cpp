@@ -146,6 +146,16 @@ void* searchCircle(OV_MemHeap_T* current, OV_ULONG_T capacity)
     return 0; // Deliberate: also when a fresh heap could not serve, which no setting makes it do
 }
 
+// Goes on when the fast bin is empty: a leaf again, which as a part of the first would make that keep registers.
+[[gnu::noinline]] OV_STS_T requestFromRest(OV_THDCTX_T& context, OV_ULONG_T bytes, void** block)
+{
+    void* served = memheap::cutFromAbove(*context.MemShortHeap, memheap::capacityFor(bytes));
+    if (!served) [[unlikely]]
+        return requestFromCircle(context, bytes, block);
+    *block = served;
+    return bucketControl() ? reportCounted(bytes) : 0;
+}
+
 // Puts a larger block on the context's list. While the thread heaps are off it came as the system gives it, without the
 // header that would link it, and stays the caller's to release.
 void list(OV_THDCTX_T& context, void* block)
@@ -327,11 +337,8 @@ OV_STS_T ovMemShortHeapMalloc(OV_THDCTX_T* tctxp, OV_LONG_T size, void** block, 
     OV_MemHeap_T* heap = tctxp->MemShortHeap;
     if (!heap) [[unlikely]]
         return requestElsewhere(tctxp, size, block, fname, line);
-    const OV_ULONG_T capacity = sd::memheap::capacityFor(bytes);
-    void* served = sd::memheap::popFast(heap->HeapHeader, capacity);
-    if (!served) served = sd::memheap::cutFromAbove(*heap, capacity);
-    if (!served) [[unlikely]]
-        return requestFromCircle(*tctxp, bytes, block);
+    void* served = sd::memheap::popFast(heap->HeapHeader, sd::memheap::capacityFor(bytes));
+    if (!served) return requestFromRest(*tctxp, bytes, block);
     *block = served;
     return bucketControl() ? reportCounted(bytes) : 0;
 }
