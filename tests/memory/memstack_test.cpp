@@ -610,17 +610,18 @@ TEST_F(MemStack, EveryAllocationMayFail)
 }
 
 #if defined(__SANITIZE_ADDRESS__)
-using MemStackDeath = MemStack;
-
-TEST_F(MemStackDeath, TouchingAReleasedItemIsSeenByAddressSanitizer)
+TEST(MemStackDeath, TouchingAReleasedItemIsSeenByAddressSanitizer)
 {
-    ASSERT_THAT(create(8, 1000), Succeeds());
-    volatile char* const kept = push(96);
-    volatile char* const released = push(100);
-    ASSERT_THAT(pop(const_cast<char*>(released)), Succeeds());
-    kept[95] = 'x';
-    EXPECT_DEATH(released[0] = 'x', "use-after-poison");
-    EXPECT_THAT(reported(KemSdMemStackReset, stack), Succeeds());
-    EXPECT_DEATH(kept[0] = 'x', "use-after-poison");
+    KEM_STACKHDR_T* stack = nullptr;
+    void *kept, *released;
+    ASSERT_EQ(KemSdMemStackCreate(nullptr, &stack, 8, 1000), 0);
+    ASSERT_EQ(KemSdMemStackAllocAndPush(nullptr, stack, 96, &kept), 0);
+    ASSERT_EQ(KemSdMemStackAllocAndPush(nullptr, stack, 100, &released), 0);
+    ASSERT_EQ(KemSdMemStackPopAndFree(nullptr, stack, released), 0);
+    memset(kept, 'x', 96);
+    EXPECT_DEATH(*static_cast<volatile char*>(released) = 'x', "use-after-poison");
+    ASSERT_EQ(KemSdMemStackReset(nullptr, stack), 0);
+    EXPECT_DEATH(*static_cast<volatile char*>(kept) = 'x', "use-after-poison");
+    EXPECT_EQ(KemSdMemStackDelete(nullptr, stack), 0);
 }
 #endif
