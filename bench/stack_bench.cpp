@@ -108,5 +108,6 @@ void addBenchmarks()
 int main(int argc, char** argv)
 {
     return kemsd::bench::run(
-        argc, argv, {"stack", "10,000 items of 8 to 128 bytes, then all released at once", kemsd::bench::addBenchmarks});
+        argc, argv,
+        {"stack", "10,000 items of 8 to 128 bytes, then all released at once", kemsd::bench::addBenchmarks});
 }

@@ -398,8 +398,8 @@ KEM_API OV_STS_T ovMemShortHeapMalloc(OV_THDCTX_T* tctxp, OV_LONG_T size, void**
 KEM_API OV_STS_T ovMemShortHeapRealloc(OV_THDCTX_T* tctxp, OV_LONG_T size, void* block, void** newblock,
                                        const char* fname, long line);
 
-/* Ends the unit of work: all heaps of the context go, and with them all blocks, and the larger blocks are released, also
- * while KemSdSetMemDeallocOption is in force. The context may begin again. Once a fatal exception is declared the
+/* Ends the unit of work: all heaps of the context go, and with them all blocks, and the larger blocks are released,
+ * also while KemSdSetMemDeallocOption is in force. The context may begin again. Once a fatal exception is declared the
  * context only forgets what it had. */
 KEM_API void ovMemShortHeapTerm(OV_THDCTX_T* tctxp);
 
