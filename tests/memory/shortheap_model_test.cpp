@@ -31,9 +31,9 @@ struct Block {
 
 class Unit {
 public:
-    Unit(unsigned seed, bool tight) : random_(seed), tight_(tight), used_(ovMemThreadHeap.UsedMemory - spareHeaps().size() * kHeap)
-    {
-    }
+    Unit(unsigned seed, bool tight)
+        : random_(seed), tight_(tight), used_(ovMemThreadHeap.UsedMemory - spareHeaps().size() * kHeap)
+    {}
 
     void run()
     {
