@@ -91,7 +91,7 @@ Counts counts()
 }
 
 // What the library leaves behind on purpose stays in a leak checker's sight.
-std::vector<void*> leftBehind;
+void* leftBehind[2];
 
 class ShortHeap : public testing::Test {
 protected:
@@ -892,7 +892,7 @@ TEST(ShortHeapOff, UnitOfWorkGoesOnAfterTheThreadHeapsHaveEnded)
     ASSERT_EQ(startThreadHeaps(kConfiguration), 0);
     OV_THDCTX_T context{};
     ovMemShortHeapInit(&context);
-    leftBehind.push_back(context.MemShortHeap);
+    leftBehind[0] = context.MemShortHeap;
     const auto withHeap = record.UsedMemory;
     const long live = liveBlocks();
     void* small = filled(context, 1000);
@@ -925,7 +925,7 @@ TEST(ShortHeapOff, EndReleasesTheLargerBlocksAndLeavesTheRegions)
         ASSERT_EQ(startThreadHeaps(kConfiguration), 0);
         OV_THDCTX_T context{};
         ovMemShortHeapInit(&context);
-        leftBehind.push_back(context.MemShortHeap);
+        leftBehind[manager] = context.MemShortHeap;
         const auto withHeap = record.UsedMemory;
         const long live = liveBlocks();
         for (int i = 0; i < 3; ++i) filled(context, 70000);
@@ -958,7 +958,8 @@ TEST_F(ShortHeap, OnceAFatalExceptionIsDeclaredTheContextOnlyForgets)
     void* small = filled(context, 100);
     void* large = filled(context, 70000);
     const auto heap = context.MemShortHeap;
-    leftBehind = {heap, large};
+    leftBehind[0] = heap;
+    leftBehind[1] = large;
     const auto usedBefore = record.UsedMemory;
     const long liveBefore = liveBlocks();
     record.LimitShortHeapsForRemove = 0;
