@@ -219,11 +219,18 @@ TEST_F(ServerBuffer, ComesFromTheCrashReserveOnceAnExceptionIsDeclared)
     for (const KEM_BOOL_T accelerated : {TRUE, FALSE}) {
         hardwareAcceleration(accelerated);
         machine.deeds.clear();
-        EXPECT_EQ(allocate((size_t{1} << 32) + 5), 0);
+        EXPECT_EQ(allocate(100), 0);
         EXPECT_EQ(buffer, reserve);
         EXPECT_EQ(taken, 77u) << "not written then";
-        EXPECT_THAT(machine.deeds, ElementsAre("reserve 5"));
+        EXPECT_THAT(machine.deeds, ElementsAre("reserve 100"));
     }
+}
+
+TEST_F(ServerBuffer, BeyondWhatAReserveHasStaysBeyondIt)
+{
+    iXcptExceptionStatus = 1;
+    EXPECT_EQ(allocate((size_t{1} << 32) + 5), 0);
+    EXPECT_THAT(machine.deeds, ElementsAre("reserve 4294967295")) << "not cut to 5 bytes";
 }
 
 TEST_F(ServerBuffer, OfTheCrashReserveIsNotFreed)

@@ -404,10 +404,12 @@ TEST_P(CrossingBlocks, HeapBlockIsLeftAloneOnceAFatalExceptionIsDeclared)
     void* block = filled(nullptr, 100);
     OV_MemHeap_T* heap = sd::memheap::blockOf(block)->MemHeap;
     ovMemThreadHeapTerm();
-    iXcptExceptionStatus = 1;
+    KemSdXcptCreateStackHeader();
+    ASSERT_EQ(KemSdXcptSetFatExceptionOccured(TRUE), 0);
     EXPECT_EQ(give(block), 0);
     EXPECT_EQ(walkHeap(*heap).usedBlocks, 1u);
-    iXcptExceptionStatus = 0;
+    iXcptExceptionStatus = 0; // which nothing but a test does
+    KemSdXcptDestroyStackHeader();
     EXPECT_EQ(give(block), 0);
     EXPECT_EQ(walkHeap(*heap).usedBlocks, 0u);
 }
