@@ -57,7 +57,7 @@ static void crash(sqlite3_context* call, int count, sqlite3_value** arguments)
     if (!strcmp(how, "stack")) sqlite3_result_int(call, overflow(&first));
     if (!strcmp(how, "file")) readBehindTheEnd();
     if (!strcmp(how, "instruction")) __builtin_trap();
-    if (!strcmp(how, "division")) sqlite3_result_int(call, 1 / zero);
+    if (!strcmp(how, "division")) sqlite3_result_int(call, 100 / zero);
     if (!strcmp(how, "abort")) abort();
     if (!strcmp(how, "both")) faultWithAnother();
     if (!strcmp(how, "again")) faultAgain();

@@ -130,7 +130,7 @@ TEST_F(SqlServerDossier, OrderlyEndsLeaveNone)
     const Ended ended = endServer([this] { server().signal(SIGTERM); });
     EXPECT_EQ(0, ended.status) << ended.err;
     EXPECT_EQ("", ended.err);
-    EXPECT_THAT(names(), ElementsAre("clients.lock", "connect.lock", "database.db+", "server.lock"));
+    EXPECT_THAT(names(), ElementsAre("clients.lock", "connect.lock", "database.db", "server.lock"));
 }
 
 // ---- Faults of the server's own ----------------------------------------------------------------------------------
