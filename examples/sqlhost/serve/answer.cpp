@@ -23,6 +23,14 @@ char wireType(int type)
     }
 }
 
+size_t rowBytes(const std::vector<Value>& values)
+{
+    size_t bytes = values.size(); // a type each
+    for (const Value& value : values)
+        if (wireType(value.type) != kValueNull) bytes += sizeof(uint32_t) + value.bytes.size();
+    return bytes;
+}
+
 } // namespace
 
 // The length is known when the frame is complete.
@@ -32,10 +40,17 @@ void Answer::begin(char type)
     frame_[0] = type;
 }
 
-void Answer::add(const void* bytes, size_t count)
+// A frame that is too long is refused before it takes memory, and a long one takes it once.
+void Answer::makeRoom(size_t count)
 {
     if (count > kFrameHead + kLongestFrame - frame_.size())
         throw Failure(text("a row may have at most %s", bytesText(kLongestFrame).c_str()));
+    frame_.reserve(frame_.size() + count);
+}
+
+void Answer::add(const void* bytes, size_t count)
+{
+    makeRoom(count);
     frame_.append(static_cast<const char*>(bytes), count);
 }
 
@@ -65,6 +80,7 @@ void Answer::columns(const std::vector<std::string>& names)
 void Answer::row(const std::vector<Value>& values)
 {
     begin(kFrameRow);
+    makeRoom(rowBytes(values));
     for (const Value& value : values) {
         const char type = wireType(value.type);
         add(&type, 1);

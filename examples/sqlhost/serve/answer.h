@@ -29,6 +29,7 @@ public:
 
 private:
     void begin(char type);
+    void makeRoom(size_t count);
     void add(const void* bytes, size_t count);
     void addText(std::string_view text);
     void sendFrame(bool flush);
