@@ -1,11 +1,13 @@
 #include "serve/answer.h"
 
-#include <cstring>
+#include <algorithm>
 
 #include "text.h"
 
 namespace sqlhost {
 namespace {
+
+constexpr size_t kPieceBytes = 16384; // of a frame, gathered before they are sent
 
 char wireType(int type)
 {
@@ -23,35 +25,44 @@ char wireType(int type)
     }
 }
 
-size_t rowBytes(const std::vector<Value>& values)
+size_t lengthOf(std::string_view text) { return sizeof(uint32_t) + text.size(); }
+
+size_t lengthOf(const Value& value) { return 1 + (value.type == SQLITE_NULL ? 0 : lengthOf(value.bytes)); }
+
+// Of a list's elements as they are sent.
+template <class List>
+size_t lengthOfAll(const List& list)
 {
-    size_t bytes = values.size(); // a type each
-    for (const Value& value : values)
-        if (wireType(value.type) != kValueNull) bytes += sizeof(uint32_t) + value.bytes.size();
-    return bytes;
+    size_t length = 0;
+    for (const auto& element : list) length += lengthOf(element);
+    return length;
 }
 
 } // namespace
 
-// The length is known when the frame is complete.
-void Answer::begin(char type)
+// From here to the end of the frame only the channel may fail: a frame that has begun to be sent comes whole. So its
+// length is known first, and there is room for its pieces.
+void Answer::begin(char type, size_t length)
 {
-    frame_.assign(kFrameHead, '\0');
-    frame_[0] = type;
-}
-
-// A frame that is too long is refused before it takes memory, and a long one takes it once.
-void Answer::makeRoom(size_t count)
-{
-    if (count > kFrameHead + kLongestFrame - frame_.size())
-        throw Failure(text("a row may have at most %s", bytesText(kLongestFrame).c_str()));
-    frame_.reserve(frame_.size() + count);
+    if (length > kLongestFrame) throw Failure(text("a row may have at most %s", bytesText(kLongestFrame).c_str()));
+    const uint32_t sent = static_cast<uint32_t>(length);
+    piece_.clear();
+    piece_.reserve(std::min(kFrameHead + length, kPieceBytes));
+    add(&type, 1);
+    add(&sent, sizeof sent);
 }
 
 void Answer::add(const void* bytes, size_t count)
 {
-    makeRoom(count);
-    frame_.append(static_cast<const char*>(bytes), count);
+    for (std::string_view rest(static_cast<const char*>(bytes), count); !rest.empty();) {
+        if (piece_.size() == kPieceBytes) {
+            channel_.send(context_, piece_, false);
+            piece_.clear();
+        }
+        const std::string_view next = rest.substr(0, kPieceBytes - piece_.size());
+        piece_ += next;
+        rest.remove_prefix(next.size());
+    }
 }
 
 void Answer::addText(std::string_view text)
@@ -61,51 +72,45 @@ void Answer::addText(std::string_view text)
     add(text.data(), text.size());
 }
 
-void Answer::sendFrame(bool flush)
-{
-    const uint32_t length = static_cast<uint32_t>(frame_.size() - kFrameHead);
-    memcpy(&frame_[1], &length, sizeof length);
-    channel_.send(context_, frame_, flush);
-}
+void Answer::end(bool flush) { channel_.send(context_, piece_, flush); }
 
 void Answer::columns(const std::vector<std::string>& names)
 {
     const uint16_t count = static_cast<uint16_t>(names.size());
-    begin(kFrameColumns);
+    begin(kFrameColumns, sizeof count + lengthOfAll(names));
     add(&count, sizeof count);
     for (const std::string& name : names) addText(name);
-    sendFrame(false);
+    end(false);
 }
 
 void Answer::row(const std::vector<Value>& values)
 {
-    begin(kFrameRow);
-    makeRoom(rowBytes(values));
+    begin(kFrameRow, lengthOfAll(values));
     for (const Value& value : values) {
         const char type = wireType(value.type);
         add(&type, 1);
         if (type != kValueNull) addText(value.bytes);
     }
-    sendFrame(false);
+    end(false);
 }
 
 // Sent at once, so that nothing is unsent when the code follows, and the client sees each statement's result as soon as
 // it is there.
 void Answer::done(uint64_t changedRows)
 {
-    begin(kFrameDone);
+    begin(kFrameDone, sizeof changedRows);
     add(&changedRows, sizeof changedRows);
-    sendFrame(true);
+    end(true);
 }
 
 void Answer::finish() { channel_.sendCode(context_, kCodeEnd); }
 
 void Answer::fail(uint32_t place, std::string_view why)
 {
-    begin(kFrameError);
+    begin(kFrameError, sizeof place + why.size());
     add(&place, sizeof place);
     add(why.data(), why.size());
-    sendFrame(true);
+    end(true);
     channel_.sendCode(context_, kCodeError);
 }
 

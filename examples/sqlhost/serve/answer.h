@@ -13,9 +13,9 @@ namespace sqlhost {
 
 class Answer {
 public:
-    // Frames are put together in this memory.
+    // Frames are put together in this memory, piece by piece.
     Answer(KEM_PSDCTX_T context, Channel& channel, std::pmr::memory_resource& memory)
-        : context_(context), channel_(channel), frame_(&memory)
+        : context_(context), channel_(channel), piece_(&memory)
     {}
 
     // A result: its columns, its rows, its end. Each may throw PeerGone.
@@ -28,15 +28,14 @@ public:
     void fail(uint32_t place, std::string_view why);
 
 private:
-    void begin(char type);
-    void makeRoom(size_t count);
+    void begin(char type, size_t length);
     void add(const void* bytes, size_t count);
     void addText(std::string_view text);
-    void sendFrame(bool flush);
+    void end(bool flush);
 
     KEM_PSDCTX_T context_;
     Channel& channel_;
-    std::pmr::string frame_;
+    std::pmr::string piece_; // of the frame, not sent yet
 };
 
 } // namespace sqlhost
