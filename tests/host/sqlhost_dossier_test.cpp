@@ -92,7 +92,7 @@ TEST_F(SqlServerDossier, KilledServerTellsWhatItWasDoing)
     EXPECT_EQ("1", line(told, "write leases out"));
     EXPECT_EQ("going on", line(told, "writing"));
     const auto row = [](const Background& client, const std::string& rest) {
-        return HasSubstr(" " + std::to_string(client.pid()) + rest);
+        return HasSubstr(std::string(" ").append(std::to_string(client.pid())).append(rest));
     };
     EXPECT_THAT(told, AllOf(HasSubstr("none: the first thread"), HasSubstr("ended the server"), HasSubstr(kEnd)));
     EXPECT_THAT(told, AllOf(row(*writer, "  "), row(*reader, "  "), row(*idle, "  ")));

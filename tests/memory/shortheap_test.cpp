@@ -871,13 +871,14 @@ TEST(ShortHeapOff, LargerBlockIsTheSystemsAndTheCallersAlone)
         KemSdSetMemoryManager(manager);
         const long live = liveBlocks();
         OV_THDCTX_T context{};
-        void *block = nullptr, *result = nullptr;
+        void* block = nullptr;
         ASSERT_EQ(request(context, 70000, &block), 0); // never started: every block is a larger one
         fillBlock(block, 70000, 1);
         EXPECT_EQ(context.MemShortExtBlocks, nullptr);
         ovMemShortHeapTerm(&context);
         EXPECT_TRUE(holds(block, 70000));
 #if !defined(__SANITIZE_THREAD__) // its allocator keeps no words of its own before a block
+        void* result = nullptr;
         ASSERT_EQ(resize(context, 80000, block, &result), 0);
         EXPECT_TRUE(holds(result, 70000));
         block = result;
