@@ -156,12 +156,7 @@ void* searchCircle(OV_MemHeap_T* current, OV_ULONG_T capacity)
     return bucketControl() ? reportCounted(bytes) : 0;
 }
 
-// Puts a larger block on the context's list. While the thread heaps are off it came as the system gives it, without the
-// header that would link it, and stays the caller's to release.
-void list(OV_THDCTX_T& context, void* block)
-{
-    if (markerOf(block) == kExternalMarker) linkShortTerm(context.MemShortExtBlocks, externalHeader(block));
-}
+void list(OV_THDCTX_T& context, void* block) { linkShortTerm(context.MemShortExtBlocks, externalHeader(block)); }
 
 // Requests that no heap of the context serves: wrong ones, larger ones, and those of a context without a heap.
 [[gnu::noinline]] OV_STS_T requestElsewhere(OV_THDCTX_T* context, OV_LONG_T size, void** block, const char* fname,
@@ -173,8 +168,11 @@ void list(OV_THDCTX_T& context, void* block)
         *block = nullptr;
         return SDSTS_NO_MEMORY;
     }
+    // While the thread heaps are off a block comes as the system gives it, without the header that would link it, and
+    // stays the caller's to release.
+    const bool linkable = heapsOn();
     const OV_STS_T sts = ovMalloc(context, bytes, block, fname, line);
-    if (sts == 0) list(*context, *block);
+    if (sts == 0 && linkable) list(*context, *block);
     return sts;
 }
 
@@ -205,9 +203,10 @@ OV_STS_T move(OV_THDCTX_T& context, OV_LONG_T size, void* block, OV_ULONG_T capa
 OV_STS_T resizeOutside(OV_THDCTX_T& context, OV_LONG_T size, void* block, void** newblock, Caller caller)
 {
     const auto bytes = static_cast<OV_ULONG_T>(size);
-    if (isSystemBlock(block, markerOf(block)) || (heapsOn() && largerThanHeapsServe(bytes))) {
+    const bool ofSystem = isSystemBlock(block, markerOf(block));
+    if (ofSystem || (heapsOn() && largerThanHeapsServe(bytes))) {
         const OV_STS_T sts = ovRealloc(&context, bytes, block, newblock, kSource, kResizeLine);
-        if (sts == 0) list(context, *newblock);
+        if (sts == 0 && !ofSystem) list(context, *newblock);
         return sts;
     }
     // Deliberate: the size's low 32 bits; no block of these calls is larger.
