@@ -912,7 +912,11 @@ TEST(ShortHeapOff, UnitOfWorkGoesOnAfterTheThreadHeapsHaveEnded)
     ASSERT_EQ(resize(context, 90000, second, &result), 0); // out of the unit of work
     EXPECT_TRUE(holds(result, 70000));
     EXPECT_EQ(context.MemShortExtBlocks, nullptr);
+#if defined(__SANITIZE_THREAD__) // its allocator keeps no words of its own before a block
+    free(result);
+#else
     EXPECT_EQ(give(result), 0);
+#endif
     EXPECT_EQ(record.UsedMemory, withHeap);
     ovMemShortHeapTerm(&context);
     EXPECT_EQ(ovMemShortCheckStatus(&context), FALSE);
