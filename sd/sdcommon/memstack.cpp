@@ -75,9 +75,10 @@ KEM_STS_T obtain(KEM_PSDCTX_T ctx, const KEM_STACKHDR_T& stack, KEM_ULONG_T byte
     return 0;
 }
 
+// The head stays as it is, for a release that is refused.
 KEM_STS_T giveBack(KEM_BLOCKHDR_T* block, long line)
 {
-    sd::unpoison(block, block->ulBlockSize);
+    sd::unpoison(bytesOf(block) + kHeadBytes, block->ulBlockSize - kHeadBytes);
     return KemSdMemFree(nullptr, block, kSource, line);
 }
 
