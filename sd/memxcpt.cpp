@@ -192,7 +192,9 @@ OV_STS_T ovXcptMemCalloc(void*, OV_UINT_T uiBlockCnt, OV_ULONG_T ulBlockSz, void
     enter();
     if (!ppvBuf) endProcess();
     const OV_ULONG_T bytes = uiBlockCnt * ulBlockSz; // Deliberate: the product wraps in 32 bits.
-    return handOut(memset(take(bytes), 0, bytes), ppvBuf);
+    void* const item = take(bytes);
+    memset(item, 0, bytes);
+    return handOut(item, ppvBuf);
 }
 
 OV_STS_T ovXcptMemRealloc(void*, OV_ULONG_T ulSz, void** ppvBuf)
