@@ -418,7 +418,8 @@ void keepThreadsBusy(unsigned count)
 void expectServed(const Ended& ended, KEM_BOOL_T core)
 {
     expectEnd(ended, core);
-    EXPECT_EQ(ended.err, std::string(kPieces, '.'));
+    // Behind them address sanitizer may speak of the stack it finds itself on.
+    EXPECT_EQ(ended.err.substr(0, ended.err.find_first_not_of('.')), std::string(kPieces, '.')) << ended.err;
 }
 
 // A crash after so many steps of a busy program.
