@@ -11,6 +11,7 @@
 
 #include "support/child.h"
 #include "support/failingcalls.h"
+#include "support/guardpasses.h"
 #include "support/openfile.h"
 #include "support/report.h"
 #include "support/tempdir.h"
@@ -61,16 +62,9 @@ private:
     pid_t pid_ = 0;
 };
 
-int passes;
-void countPass() { ++passes; }
-
-class FileLock : public testing::Test {
+class FileLock : public testing::Test, protected GuardCounted {
 protected:
-    ~FileLock() override
-    {
-        KemSdSetFileLockingMode(KEM_FILE_LOCK_ADVISORY);
-        KemSdSetFailoverModeFlag(FALSE);
-    }
+    ~FileLock() override { KemSdSetFileLockingMode(KEM_FILE_LOCK_ADVISORY); }
 
     Report lock(KEM_USHORT_T mode) { return reported(KemSdFileLock, int(file_), mode); }
     Report unlock() { return reported(KemSdFileUnlock, int(file_)); }
@@ -168,36 +162,33 @@ TEST_F(FileLock, ModeNoneTakesNoLockAndRunsTheGuard)
 {
     const Holder holder(path_, kExclusive);
     KemSdSetFileLockingMode(KEM_FILE_LOCK_NONE);
-    KemSdSetLeaseGuardAccessFunction(countPass);
-    passes = 0;
+    guardPasses = 0;
     resetCalls();
     EXPECT_THAT(lock(kExclusive), Succeeds());
     EXPECT_THAT(unlock(), Succeeds());
     EXPECT_EQ(calls(Call::fcntl), 0);
-    EXPECT_EQ(passes, 2);
+    EXPECT_EQ(guardPasses, 2);
 }
 
 TEST_F(FileLock, FailoverModeRunsTheGuardInPlaceOfTheLock)
 {
     KemSdSetFailoverModeFlag(TRUE);
     KemSdSetFileLockingMode(KEM_FILE_LOCK_MANDATORY);
-    KemSdSetLeaseGuardAccessFunction(countPass);
-    passes = 0;
+    guardPasses = 0;
     resetCalls();
     EXPECT_THAT(lock(kExclusive), Succeeds());
-    EXPECT_EQ(passes, 1);
+    EXPECT_EQ(guardPasses, 1);
     EXPECT_THAT(unlock(), Succeeds());
-    EXPECT_EQ(passes, 2);
+    EXPECT_EQ(guardPasses, 2);
     EXPECT_EQ(calls(Call::fcntl) + calls(Call::fchmod), 0);
 }
 
 TEST_F(FileLock, OtherwiseNoGuardRuns)
 {
-    KemSdSetLeaseGuardAccessFunction(countPass);
-    passes = 0;
+    guardPasses = 0;
     EXPECT_THAT(lock(kExclusive), Succeeds());
     EXPECT_THAT(unlock(), Succeeds());
-    EXPECT_EQ(passes, 0);
+    EXPECT_EQ(guardPasses, 0);
 }
 
 TEST_F(FileLock, ModeNotSetIsAdvisory)

@@ -12,6 +12,7 @@
 
 #include "support/child.h"
 #include "support/failingcalls.h"
+#include "support/guardpasses.h"
 #include "support/openfile.h"
 #include "support/report.h"
 #include "support/tempdir.h"
@@ -26,7 +27,7 @@ constexpr KEM_BIT32_T kPending = KEM_FILE_STATUS_PENDING, kInUse = KEM_FILE_STAT
                       kAbsent = KEM_FILE_STATUS_ABSENT, kUnknown = KEM_FILE_STATUS_UNKNOWN;
 constexpr KEM_BIT32_T kOthers = 0x80000040; // bits of the caller's own
 
-class FileStatus : public testing::Test {
+class FileStatus : public testing::Test, protected GuardCounted {
 protected:
     FileStatus()
     {
@@ -265,12 +266,7 @@ TEST_F(FileStatus, TheSystemsCommandSeesThisProcess)
 
 TEST_F(FileStatus, TheGuardComesFirst)
 {
-    static int passes = 0;
-    KemSdSetLeaseGuardAccessFunction([] { ++passes; });
-    KemSdSetFailoverModeFlag(TRUE);
-    EXPECT_EQ(KemSdFileGetStatus(nullptr, nullptr, nullptr), SDSTS_INVALID_PARAM);
-    EXPECT_EQ(passes, 1);
-    KemSdSetFailoverModeFlag(FALSE);
-    EXPECT_EQ(KemSdFileGetStatus(nullptr, nullptr, nullptr), SDSTS_INVALID_PARAM);
-    EXPECT_EQ(passes, 1);
+    const Operation query{"GetStatus", 1, [] { return KemSdFileGetStatus(nullptr, nullptr, nullptr); },
+                          SDSTS_INVALID_PARAM};
+    for (const bool failover : {true, false}) expectPasses({query}, failover);
 }
